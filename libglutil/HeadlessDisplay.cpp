@@ -1,0 +1,135 @@
+#include "libglutil/HeadlessDisplay.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+namespace {
+pid_t g_serverPid = -1;
+
+std::string executableDir()
+{
+    char buf[4096];
+    const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0)
+        return std::string();
+    buf[n] = 0;
+    std::string path(buf);
+    const auto slash = path.rfind('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+// Xvfb beside the executable first (a bundled server), else from PATH.
+std::string findXvfb()
+{
+    const std::string beside = executableDir() + "/Xvfb";
+    if (access(beside.c_str(), X_OK) == 0)
+        return beside;
+    return "Xvfb";
+}
+
+void selectGlxVendor()
+{
+    if (std::getenv("__GLX_VENDOR_LIBRARY_NAME"))
+        return;  // the user's choice stands
+    if (void* lib = dlopen("libGLX_nvidia.so.0", RTLD_LAZY | RTLD_LOCAL)) {
+        dlclose(lib);
+        setenv("__GLX_VENDOR_LIBRARY_NAME", "nvidia", 0);
+    }
+}
+}  // namespace
+
+bool privateDisplayRunning() { return g_serverPid > 0; }
+
+void stopPrivateDisplay()
+{
+    if (g_serverPid <= 0)
+        return;
+    const pid_t pid = g_serverPid;
+    g_serverPid = -1;
+    kill(pid, SIGTERM);
+    for (int i = 0; i < 200; ++i) {  // up to 2 s, then force it
+        int status = 0;
+        const pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid || (r < 0 && errno == ECHILD))
+            return;
+        usleep(10000);
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+
+void ensureDisplay()
+{
+    const char* display = std::getenv("DISPLAY");
+    if ((display && *display) || g_serverPid > 0)
+        return;
+
+    // The server creates its socket here; it may be missing on a bare machine.
+    mkdir("/tmp/.X11-unix", 01777);
+
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0)
+        throw std::runtime_error(std::string("Failed to start Xvfb: ") + std::strerror(errno));
+    const std::string xvfb = findXvfb();
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    if (pid < 0) {
+        close(fds[0]);
+        close(fds[1]);
+        throw std::runtime_error(std::string("Failed to start Xvfb: ") + std::strerror(errno));
+    }
+    if (pid == 0) {
+        // The server must not outlive us, even when we are killed.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent)
+            _exit(127);
+        setpgid(0, 0);  // a terminal's Ctrl-C goes to us; we stop the server
+        const int devnull = open("/dev/null", O_RDWR);
+        if (devnull >= 0) {
+            dup2(devnull, 0);
+            dup2(devnull, 1);
+            dup2(devnull, 2);
+        }
+        const int out = dup(fds[1]);  // dup clears O_CLOEXEC
+        const std::string fdText = std::to_string(out);
+        execlp(xvfb.c_str(), xvfb.c_str(), "-displayfd", fdText.c_str(), "-screen", "0", "1280x1024x24",
+               "-nolisten", "tcp", "-noreset", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(fds[1]);
+    g_serverPid = pid;
+    std::atexit(stopPrivateDisplay);
+
+    // Xvfb writes its display number followed by a newline once it accepts clients.
+    std::string number;
+    pollfd p{fds[0], POLLIN, 0};
+    for (;;) {
+        const int r = poll(&p, 1, 20000);
+        if (r <= 0)
+            break;
+        char c;
+        const ssize_t n = read(fds[0], &c, 1);
+        if (n <= 0 || c == '\n')
+            break;
+        number += c;
+    }
+    close(fds[0]);
+    if (number.empty()) {
+        stopPrivateDisplay();
+        throw std::runtime_error("Failed to start Xvfb: no display was opened (is the xvfb package installed?)");
+    }
+    selectGlxVendor();
+    setenv("DISPLAY", (":" + number).c_str(), 1);
+}

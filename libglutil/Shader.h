@@ -1,0 +1,46 @@
+#pragma once
+// A GL program built from "<name>.vert" (optional) and "<name>.frag" beside
+// the executable. Each source is prefixed with the version line, the caller's
+// define lines and, for fragment shaders, the whole of "stdlib.frag".
+// Move-only owner of its GL names; the program is left current after building.
+#include <GL/glew.h>
+
+#include <string>
+
+class Shader {
+public:
+    Shader(std::string name, std::string defines);
+    ~Shader();
+    Shader(const Shader&) = delete;
+    Shader& operator=(const Shader&) = delete;
+    Shader(Shader&& other) noexcept;
+    Shader& operator=(Shader&& other) noexcept;
+
+    GLuint program() const { return program_; }
+    void use() const;
+
+    // glGetUniformLocation with a warning "No such uniform named '%s'" on
+    // standard error when absent (-1 is returned and setting it is a no-op).
+    GLint uniformLocation(const char* name) const;
+
+    // Setters on the current program (use() first), looked up by name.
+    void setUniform(const char* name, int v) const;
+    void setUniform(const char* name, float v) const;
+    void setUniform(const char* name, float x, float y) const;
+    void setUniform(const char* name, float x, float y, float z) const;
+    void setMatrix3(const char* name, const float* columnMajor9) const;
+
+    // The directory of the executable joined with a file name.
+    static std::string filePath(const std::string& fileName);
+
+private:
+    void destroy() noexcept;
+    GLuint program_ = 0;
+    GLuint vertex_ = 0;
+    GLuint fragment_ = 0;
+    std::string name_;
+    std::string defines_;
+};
+
+// "#version 330\n", "#version 130\n" or "#version 120\n" by the GL version number.
+const std::string& shaderVersionLine();

@@ -1,0 +1,3 @@
+#include <gtest/gtest.h>
+#include "libglutil/QtContext.h"
+TEST(Context, VersionNumberIsSane) { EXPECT_GE(glVersionNumber(), 20); }
