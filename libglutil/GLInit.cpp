@@ -11,6 +11,7 @@
 #include <string>
 
 #include "libglutil/GLError.h"
+#include "libglutil/GLVersion.h"
 
 void initializeGlewAndState()
 {

@@ -7,6 +7,8 @@
 #include <memory>
 #include <string>
 
+#include "libglutil/GLVersion.h"
+
 class QApplication;
 
 class QtContext : public QOpenGLWidget {
@@ -26,14 +28,6 @@ protected:
 // Chooses the default surface format: USE_GL_CORE (any value) asks for 3.3 core,
 // otherwise Qt's default compatibility context. Call before QApplication exists.
 void setupSurfaceFormat();
-
-// (the following three are implemented in GLInit.cpp)
-// 10 * major + minor of the current context, cached on first success.
-// Throws opengl_error "Initializing OpenGL failed: no valid context".
-int glVersionNumber();
-
-// The -V report (vendor, renderer, versions, texture limit, memory); never throws.
-std::string glInfoReport();
 
 // Brings up the context exactly as the program does: private X server when no
 // display is set, surface format, QApplication, "C" locale, the hidden widget
