@@ -1,13 +1,19 @@
-// Temporary entry: brings up the context and prints the GL report.
+// tessara-render: renders a panorama project or an equirect image to the
+// outputs its command line selects. Any failure ends in one "Error (...)" line
+// on standard error and exit status -1.
 #include <cstdio>
+#include <exception>
 
-#include "libglutil/QtContext.h"
+#include "app/JobEntry.h"
 
 int main(int argc, char** argv)
 {
-    std::printf("version: %s\n", "21.01.5008");
-    std::fflush(stdout);
-    GLContextSession session(argc, argv);
-    std::printf("%s", glInfoReport().c_str());
-    return 0;
+    try {
+        return jobEntry(argc, argv);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "%s\n", failureReport(e).c_str());
+    } catch (...) {
+        std::fprintf(stderr, "Error (unknown): an exception of unknown type\n");
+    }
+    return -1;
 }

@@ -1,0 +1,101 @@
+#include "app/Options.h"
+
+#include <cstdio>
+
+// The table holds the hashes of these texts.
+static_assert("--output-prefix"_oh == optionHashes::outputPrefix);
+static_assert("--er-width"_oh == optionHashes::erWidth);
+static_assert("--cf-width"_oh == optionHashes::cfWidth);
+static_assert("--er-exr"_oh == optionHashes::erExr);
+static_assert("--er-hdr"_oh == optionHashes::erHdr);
+static_assert("--er-jpg"_oh == optionHashes::erJpg);
+static_assert("--cf-exr"_oh == optionHashes::cfExr);
+static_assert("--cf-jpg"_oh == optionHashes::cfJpg);
+static_assert("--no-auto-level"_oh == optionHashes::noAutoLevel);
+static_assert("--logo"_oh == optionHashes::logo);
+static_assert("--exr-compression"_oh == optionHashes::exrCompression);
+static_assert("-v"_oh == optionHashes::version);
+static_assert("-V"_oh == optionHashes::versionAndGL);
+
+namespace {
+// The value of an option is read without checking that it exists; the entry
+// after the last argument is the null terminator of argv. Building a string
+// from it fails here with the standard library's own exception, never by
+// reading through the null pointer.
+std::string valueAfter(char** argv, int i)
+{
+    const char* value = argv[i + 1];
+    if (!value)
+        throw std::logic_error("basic_string: construction from null is not valid");
+    return std::string(value);
+}
+}  // namespace
+
+ParseAction parseOptions(int argc, char** argv, JobOptions& options)
+{
+    if (argc < 2)
+        throw UsageError("at least one argument required");
+
+    options = JobOptions();
+    options.inputPath = std::filesystem::path(std::string(argv[1]));
+    options.outputPrefix = options.inputPath;
+    options.outputPrefix.replace_extension();
+
+    // Argument 1 goes through the same dispatch: if it is an option's text the
+    // option takes effect, and the text still names the input file.
+    int i = 1;
+    while (i < argc) {
+        const std::string arg(argv[i]);
+        // An empty argument is unknown; no option hashes to 0.
+        switch (arg.empty() ? 0u : optionHash(arg)) {
+        case optionHashes::outputPrefix:
+            options.outputPrefix = std::filesystem::path(valueAfter(argv, i));
+            i += 2;
+            break;
+        case optionHashes::erWidth:
+            options.erWidth = std::stoi(valueAfter(argv, i));
+            i += 2;
+            break;
+        case optionHashes::cfWidth:
+            options.cfWidth = std::stoi(valueAfter(argv, i));
+            i += 2;
+            break;
+        case optionHashes::logo:
+            options.logoPath = std::filesystem::path(valueAfter(argv, i));
+            i += 2;
+            break;
+        case optionHashes::exrCompression:
+            options.exrCompression = valueAfter(argv, i);
+            i += 2;
+            break;
+        case optionHashes::erExr: options.writeErExr = true; ++i; break;
+        case optionHashes::erHdr: options.writeErHdr = true; ++i; break;
+        case optionHashes::erJpg: options.writeErJpg = true; ++i; break;
+        case optionHashes::cfExr: options.writeCfExr = true; ++i; break;
+        case optionHashes::cfJpg: options.writeCfJpg = true; ++i; break;
+        case optionHashes::noAutoLevel: options.autoLevel = false; ++i; break;
+        case optionHashes::version: return ParseAction::PrintVersion;
+        case optionHashes::versionAndGL: return ParseAction::PrintVersionAndGL;
+        default:
+            if (i != 1)
+                throw UsageError("unknown option '" + arg + "'");
+            i = 2;  // the input file
+            break;
+        }
+    }
+    options.thumbnailPath = std::filesystem::path(options.outputPrefix.string() + " thumbnail.jpg");
+    return ParseAction::RunJob;
+}
+
+std::string usageText(const std::string& error, const std::string& programName)
+{
+    static const char* const kFormat =
+        "Error: %s\nUsage: %s <pts/tsp/hdr/exr file> [--output-prefix basename] [--er-width width] "
+        "[--cf-width width] [--er-exr] [--er-hdr] [--er-jpg] [--cf-exr] [--cf-jpg] [--no-auto-level] "
+        "[--logo jpg file] [--exr-compression b44|dwa|piz|zip]\n";
+    const int n = std::snprintf(nullptr, 0, kFormat, error.c_str(), programName.c_str());
+    std::string text(size_t(n) + 1, '\0');
+    std::snprintf(text.data(), text.size(), kFormat, error.c_str(), programName.c_str());
+    text.resize(size_t(n));
+    return text;
+}

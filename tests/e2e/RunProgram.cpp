@@ -1,0 +1,120 @@
+#include "RunProgram.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace {
+std::string readAll(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+// Set once, before the first child starts.
+const bool g_subreaper = prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
+}  // namespace
+
+std::string binPath(const std::string& name) { return std::string(TESSARA_BIN_DIR) + "/" + name; }
+
+RunResult runProgram(const std::vector<std::string>& args, const std::vector<std::string>& extraEnv)
+{
+    RunResult result;
+    EXPECT_TRUE(g_subreaper);
+    TempDir dir;
+    const std::string outPath = dir / "stdout", errPath = dir / "stderr";
+    std::vector<char*> argv;
+    for (const auto& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+
+    const pid_t pid = fork();
+    if (pid < 0) {
+        ADD_FAILURE() << "fork: " << std::strerror(errno);
+        return result;
+    }
+    if (pid == 0) {
+        const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int in = open("/dev/null", O_RDONLY);
+        if (out < 0 || err < 0 || in < 0)
+            _exit(126);
+        dup2(in, 0);
+        dup2(out, 1);
+        dup2(err, 2);
+        unsetenv("DISPLAY");
+        for (const auto& e : extraEnv)
+            putenv(const_cast<char*>(e.c_str()));
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    EXPECT_NE(result.status, 127) << "could not start " << args[0];
+    result.out = readAll(outPath);
+    result.err = readAll(errPath);
+    return result;
+}
+
+RunResult runRenderer(const std::vector<std::string>& args, const std::vector<std::string>& extraEnv)
+{
+    std::vector<std::string> full{binPath("tessara-render")};
+    full.insert(full.end(), args.begin(), args.end());
+    return runProgram(full, extraEnv);
+}
+
+std::vector<int> takeOrphansNamed(const std::string& comm)
+{
+    std::vector<int> found;
+    const pid_t self = getpid();
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", ec)) {
+        const std::string name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        // /proc/<pid>/stat: "pid (comm) state ppid ..."; comm may hold blanks.
+        const std::string stat = readAll(entry.path().string() + "/stat");
+        const auto open = stat.find('('), close = stat.rfind(')');
+        if (open == std::string::npos || close == std::string::npos)
+            continue;
+        std::istringstream rest(stat.substr(close + 1));
+        char state = 0;
+        int ppid = 0;
+        rest >> state >> ppid;
+        if (ppid == self && stat.substr(open + 1, close - open - 1) == comm)
+            found.push_back(std::stoi(name));
+    }
+    for (const int pid : found) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    return found;
+}
+
+TempDir::TempDir()
+{
+    std::string pattern = (std::filesystem::temp_directory_path() / "tessara-e2e-XXXXXX").string();
+    if (!mkdtemp(pattern.data()))
+        throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+}
+
+TempDir::~TempDir()
+{
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+}
