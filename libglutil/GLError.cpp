@@ -22,11 +22,16 @@ const char* errorName(GLenum e)
 
 std::string glErrorReport(const char* sourceFile, int line)
 {
+    return glErrorReportFrom(sourceFile, line, [] { return unsigned(glGetError()); });
+}
+
+std::string glErrorReportFrom(const char* sourceFile, int line, const std::function<unsigned()>& nextError)
+{
     std::string list;
     for (;;) {
         if (list.size() > 999)
             break;
-        const GLenum e = glGetError();
+        const unsigned e = nextError();
         if (e == GL_NO_ERROR)
             break;
         char item[64];

@@ -1,5 +1,6 @@
 #pragma once
 // GL failure reporting shared by the whole GPU layer.
+#include <functional>
 #include <stdexcept>
 #include <string>
 
@@ -13,6 +14,11 @@ public:
 // empty when no error was pending. Stops after 999 characters (a lost context
 // reports errors forever).
 std::string glErrorReport(const char* sourceFile, int line);
+
+// The same report with the errors taken from `nextError` (0 = none left)
+// instead of glGetError: lets the list format be checked with several pending
+// errors, which some drivers never queue.
+std::string glErrorReportFrom(const char* sourceFile, int line, const std::function<unsigned()>& nextError);
 
 // Throws opengl_error carrying `report` when it is not empty.
 void throwIfNotEmpty(const std::string& report);

@@ -28,12 +28,15 @@ public:
     void setUniform(const char* name, float v) const;
     void setUniform(const char* name, float x, float y) const;
     void setUniform(const char* name, float x, float y, float z) const;
+    void setUniform(const char* name, float x, float y, float z, float w) const;
+    void setUniform2i(const char* name, int x, int y) const;  // ivec2
     void setMatrix3(const char* name, const float* columnMajor9) const;
 
     // The directory of the executable joined with a file name.
     static std::string filePath(const std::string& fileName);
 
 private:
+    void build();
     void destroy() noexcept;
     GLuint program_ = 0;
     GLuint vertex_ = 0;
@@ -44,3 +47,10 @@ private:
 
 // "#version 330\n", "#version 130\n" or "#version 120\n" by the GL version number.
 const std::string& shaderVersionLine();
+
+// Prints "Errors in shader '<displayName>':\n<log>\n" on standard error when the
+// shader's or program's info log is non-empty and not a driver success note.
+void checkShaderLog(GLuint object, const std::string& displayName);
+
+// True for the driver success notes that are not worth printing.
+bool isHarmlessShaderLog(const std::string& log);

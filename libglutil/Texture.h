@@ -20,7 +20,8 @@ public:
     Texture(Texture&& other) noexcept;
     Texture& operator=(Texture&& other) noexcept;
 
-    // data == nullptr creates a render target. rowStride in bytes, 0 = packed.
+    // data == nullptr creates a render target. rowStride in bytes, 0 = packed;
+    // it must be a whole number of pixels (GL counts row length in pixels).
     void create(int width, int height, GLenum internalFormat, GLenum pixelFormat, const void* data,
                 int rowStride = 0);
 
@@ -34,8 +35,20 @@ public:
     // GL_PACK_ROW_LENGTH. Large reads go in bands.
     void readPixels(void* destination, GLenum pixelFormat, int w = 0, int h = 0);
 
+    // Copies the first piece into `destination`'s first piece on the GPU
+    // (glBlitFramebuffer, same pixel positions, the smaller of the two sizes),
+    // converting formats on the way: e.g. a float target into an RGBA8 target,
+    // so that only native 8-bit data is read back. Leaves `destination` bound
+    // as render target.
+    void copyTo(Texture& destination);
+
     // Releases every GL name; never throws.
     void destroy() noexcept;
+
+    // Throws opengl_error "Maximum texture size of GPU is too small (%dx%d > %d)"
+    // when an image of this size cannot be held (as two pieces at most), with
+    // the 8192 cap for images wider than 10000 and at most 8192 high.
+    static void checkFits(int width, int height);
 
     int width() const { return width_; }
     int height() const { return height_; }
@@ -47,6 +60,9 @@ public:
     bool isHDR() const { return isHDR_; }
     bool isRGBE() const { return isRGBE_; }
     bool isMipMap() const { return isMipMap_; }
+    // Layers of the array texture (2 for a split image in array mode), else 1.
+    int layers() const { return layers_; }
+    GLenum internalFormat() const { return internalFormat_; }
 
     // Exposure statistics of an uploaded RGBE image: 2^mean, 2^min, 2^max of
     // the exponent (E - 128, E = 0 skipped); 0 otherwise. Set by the uploader.
@@ -65,6 +81,8 @@ private:
     int width_ = 0, height_ = 0;
     int tileWidth_ = 0, tileHeight_ = 0;
     bool isHDR_ = false, isRGBE_ = false, isMipMap_ = false;
+    int layers_ = 0;
+    GLenum internalFormat_ = 0;
 };
 
 // Channels of a pixel format: GL_RED 1, GL_RGB 3, GL_RGBA 4; else throws

@@ -1,0 +1,308 @@
+#include "libglutil/Texture.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+#include "libglutil/Framebuffer.h"
+#include "libglutil/GLError.h"
+#include "libglutil/GLVersion.h"
+
+namespace {
+
+// Rows per glTexSubImage2D call: keeps each driver-side conversion small.
+constexpr int kUploadBand = 256;
+// Reads of more pixels than this go in bands of kReadBandPixels / width rows.
+constexpr long long kBandedReadThreshold = 4096LL * 4096LL;
+constexpr long long kReadBandPixels = 8388608LL;
+// Widest image that is kept whole when the GPU could hold more: wider panoramas
+// are always split so that each piece stays a comfortable size.
+constexpr int kWideImageCap = 8192;
+constexpr int kWideImageWidth = 10000;
+
+GLint maxTextureSize()
+{
+    GLint max = 0;
+    glGetIntegerv(GL_MAX_TEXTURE_SIZE, &max);
+    return max;
+}
+
+// The effective limit for an image of this size (the wide-image cap included).
+int effectiveMax(int width, int height)
+{
+    int max = maxTextureSize();
+    if (height <= kWideImageCap && width > kWideImageWidth && max > kWideImageCap)
+        max = kWideImageCap;
+    return max;
+}
+
+void setUniform1i(GLint program, const char* base, int index, int v)
+{
+    const std::string name = base + std::to_string(index);
+    const GLint loc = glGetUniformLocation(program, name.c_str());
+    if (loc != -1)
+        glUniform1i(loc, v);
+}
+
+// Allocates one piece (or, in array mode, all its layers) on the bound target
+// and uploads `data` in bands. In array mode `layers` > 1 means the left and the
+// right half of the image go to layers 0 and 1.
+void storePiece(GLenum target, GLuint& name, int w, int h, int layers, bool mip, GLenum internalFormat,
+                GLenum pixelFormat, const uint8_t* data, int rowStride)
+{
+    glGenTextures(1, &name);
+    glBindTexture(target, name);
+    glTexParameteri(target, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glTexParameteri(target, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    // Only 8-bit photographs are filtered by the hardware; RGBE bytes and float
+    // targets must never be blended before decoding.
+    const GLint filter = (internalFormat == GL_RGB8 || internalFormat == GL_LUMINANCE8) ? GL_LINEAR : GL_NEAREST;
+    glTexParameteri(target, GL_TEXTURE_MAG_FILTER, filter);
+    glTexParameteri(target, GL_TEXTURE_MIN_FILTER, filter);
+
+    if (target == GL_TEXTURE_2D_ARRAY) {
+        glTexStorage3D(GL_TEXTURE_2D_ARRAY, 1, internalFormat, w, h, layers);
+    } else if (glewIsSupported("GL_VERSION_4_2")) {
+        // One level fewer than a complete chain (4096 gives 12), as the
+        // renderer has always allocated.
+        const int levels = mip ? std::max(1, int(std::log2(double(std::max(w, h))))) : 1;
+        glTexStorage2D(target, levels, internalFormat, w, h);
+    } else {
+        glTexImage2D(target, 0, GLint(internalFormat), w, h, 0, pixelFormat, GL_UNSIGNED_BYTE, nullptr);
+    }
+    GL_CHECK();
+
+    const int channels = channelsOf(pixelFormat);
+    glPixelStorei(GL_UNPACK_ROW_LENGTH, rowStride / channels);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, rowStride % 4 == 0 ? 4 : 1);
+    if (data) {
+        for (int layer = 0; layer < layers; ++layer) {
+            const uint8_t* base = data + size_t(layer) * size_t(w) * size_t(channels);
+            for (int y = 0; y < h; y += kUploadBand) {
+                const int rows = std::min(kUploadBand, h - y);
+                const uint8_t* src = base + size_t(y) * size_t(rowStride);
+                if (target == GL_TEXTURE_2D_ARRAY)
+                    glTexSubImage3D(target, 0, 0, y, layer, w, rows, 1, pixelFormat, GL_UNSIGNED_BYTE, src);
+                else
+                    glTexSubImage2D(target, 0, 0, y, w, rows, pixelFormat, GL_UNSIGNED_BYTE, src);
+            }
+        }
+        if (mip)
+            glGenerateMipmap(target);
+    }
+    glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+    GL_CHECK();
+}
+
+}  // namespace
+
+int channelsOf(GLenum pixelFormat)
+{
+    switch (pixelFormat) {
+    case GL_RED: return 1;
+    case GL_RGB: return 3;
+    case GL_RGBA: return 4;
+    default: {
+        char msg[64];
+        std::snprintf(msg, sizeof msg, "unknown GL format: %d", int(pixelFormat));
+        throw std::runtime_error(msg);
+    }
+    }
+}
+
+GLenum Texture::target()
+{
+    // Read once: the choice holds for the whole run, like the shader define.
+    static const GLenum t = std::getenv("USE_ARRAY_TEXTURE") ? GL_TEXTURE_2D_ARRAY : GL_TEXTURE_2D;
+    return t;
+}
+
+bool& Texture::mipmapRequest()
+{
+    static bool request = false;
+    return request;
+}
+
+void Texture::checkFits(int width, int height)
+{
+    const int max = effectiveMax(width, height);
+    if (height > max || width > 2 * max) {
+        char msg[128];
+        std::snprintf(msg, sizeof msg, "Maximum texture size of GPU is too small (%dx%d > %d)", width, height, max);
+        throw opengl_error(msg);
+    }
+}
+
+Texture::Texture(int width, int height, GLenum internalFormat)
+{
+    try {
+        create(width, height, internalFormat, GL_RGBA, nullptr, 0);
+    } catch (...) {
+        destroy();  // the names generated so far
+        throw;
+    }
+}
+
+Texture::~Texture() { destroy(); }
+
+Texture::Texture(Texture&& other) noexcept { *this = std::move(other); }
+
+Texture& Texture::operator=(Texture&& other) noexcept
+{
+    if (this == &other)
+        return *this;
+    destroy();
+    names_[0] = std::exchange(other.names_[0], 0u);
+    names_[1] = std::exchange(other.names_[1], 0u);
+    count_ = std::exchange(other.count_, 0);
+    framebuffer_ = std::exchange(other.framebuffer_, 0u);
+    width_ = std::exchange(other.width_, 0);
+    height_ = std::exchange(other.height_, 0);
+    tileWidth_ = std::exchange(other.tileWidth_, 0);
+    tileHeight_ = std::exchange(other.tileHeight_, 0);
+    layers_ = std::exchange(other.layers_, 0);
+    isHDR_ = std::exchange(other.isHDR_, false);
+    isRGBE_ = std::exchange(other.isRGBE_, false);
+    isMipMap_ = std::exchange(other.isMipMap_, false);
+    internalFormat_ = std::exchange(other.internalFormat_, 0u);
+    meanLevel = std::exchange(other.meanLevel, 0.0);
+    minLevel = std::exchange(other.minLevel, 0.0);
+    maxLevel = std::exchange(other.maxLevel, 0.0);
+    return *this;
+}
+
+void Texture::create(int width, int height, GLenum internalFormat, GLenum pixelFormat, const void* data,
+                     int rowStride)
+{
+    destroy();  // a texture object can be re-created; never leak the old names
+    const int max = effectiveMax(width, height);
+    checkFits(width, height);
+
+    isHDR_ = internalFormat == GL_RGB16F || internalFormat == GL_RGBA8;
+    isRGBE_ = internalFormat == GL_RGBA8;
+    internalFormat_ = internalFormat;
+    width_ = width;
+    height_ = height;
+    isMipMap_ = data && mipmapRequest() && !isHDR_;
+    mipmapRequest() = false;
+
+    // An odd split width loses the last column; the renderer has always accepted that.
+    tileWidth_ = width > max ? width / 2 : width;
+    tileHeight_ = height;
+    const bool split = width > max;
+    if (rowStride == 0)
+        rowStride = width * channelsOf(pixelFormat);
+    const bool array = target() == GL_TEXTURE_2D_ARRAY;
+    layers_ = array && split ? 2 : 1;
+
+    // Creating a texture must not disturb the inputs a pass has already bound:
+    // the binding of the active unit is put back afterwards.
+    GLint previous = 0;
+    glGetIntegerv(array ? GL_TEXTURE_BINDING_2D_ARRAY : GL_TEXTURE_BINDING_2D, &previous);
+    struct RestoreBinding {
+        GLenum target;
+        GLint name;
+        ~RestoreBinding() { glBindTexture(target, GLuint(name)); }
+    } restore{target(), previous};
+
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    count_ = 1;
+    storePiece(target(), names_[0], tileWidth_, tileHeight_, layers_, isMipMap_, internalFormat, pixelFormat, bytes,
+               rowStride);
+    if (!array && split) {
+        count_ = 2;
+        const uint8_t* right = bytes ? bytes + size_t(tileWidth_) * size_t(channelsOf(pixelFormat)) : nullptr;
+        storePiece(target(), names_[1], tileWidth_, tileHeight_, 1, isMipMap_, internalFormat, pixelFormat, right,
+                   rowStride);
+    }
+    if (!data)
+        bindAsRenderTarget(*this);
+}
+
+GLenum Texture::bind(GLenum unit) const
+{
+    GLint program = 0;
+    glGetIntegerv(GL_CURRENT_PROGRAM, &program);
+    const int index = int(unit - GL_TEXTURE0);
+    if (program != 0) {
+        if (glVersionNumber() < 30) {
+            // GLSL 1.20 cannot ask a sampler for its size.
+            const std::string name = "tileSize" + std::to_string(index);
+            const GLint loc = glGetUniformLocation(GLuint(program), name.c_str());
+            if (loc != -1)
+                glUniform3i(loc, tileWidth_, tileHeight_, count_);
+        }
+        const std::string sizeName = "texSize" + std::to_string(index);
+        const GLint loc = glGetUniformLocation(GLuint(program), sizeName.c_str());
+        if (loc != -1)
+            glUniform2i(loc, width_, height_);
+        setUniform1i(program, "texIsRGBE", index, isRGBE_ ? 1 : 0);
+        setUniform1i(program, "texIsHDR", index, isHDR_ ? 1 : 0);
+        setUniform1i(program, "texIsMipMap", index, isMipMap_ ? 1 : 0);
+    }
+    GL_CHECK();
+    for (int k = 0; k < count_; ++k) {
+        glActiveTexture(unit + GLenum(k));
+        glBindTexture(target(), names_[k]);
+    }
+    glActiveTexture(unit);
+    return unit + GLenum(count_);
+}
+
+void Texture::readPixels(void* destination, GLenum pixelFormat, int w, int h)
+{
+    if (w == 0)
+        w = width_;
+    if (h == 0)
+        h = height_;
+    glPixelStorei(GL_PACK_ALIGNMENT, 1);
+    bindAsRenderTarget(*this);
+    glReadBuffer(GL_COLOR_ATTACHMENT0);
+    auto* dst = static_cast<uint8_t*>(destination);
+    if (static_cast<long long>(w) * h > kBandedReadThreshold) {
+        GLint rowLength = 0;
+        glGetIntegerv(GL_PACK_ROW_LENGTH, &rowLength);
+        if (rowLength == 0)
+            rowLength = w;
+        const size_t bytesPerPixel = size_t(channelsOf(pixelFormat));
+        const int band = int(kReadBandPixels / w);
+        for (int y = 0; y < h; y += band)
+            glReadPixels(0, y, w, std::min(band, h - y), pixelFormat, GL_UNSIGNED_BYTE,
+                         dst + size_t(rowLength) * size_t(y) * bytesPerPixel);
+    } else {
+        glReadPixels(0, 0, w, h, pixelFormat, GL_UNSIGNED_BYTE, dst);
+    }
+    GL_CHECK();
+}
+
+void Texture::copyTo(Texture& destination)
+{
+    if (framebuffer_ == 0)
+        bindAsRenderTarget(*this);
+    bindAsRenderTarget(destination);
+    glBindFramebuffer(GL_READ_FRAMEBUFFER, framebuffer_);
+    glReadBuffer(GL_COLOR_ATTACHMENT0);
+    const int w = std::min(tileWidth_, destination.tileWidth_);
+    const int h = std::min(tileHeight_, destination.tileHeight_);
+    glBlitFramebuffer(0, 0, w, h, 0, 0, w, h, GL_COLOR_BUFFER_BIT, GL_NEAREST);
+    glBindFramebuffer(GL_FRAMEBUFFER, destination.framebuffer_);
+    GL_CHECK();
+}
+
+void Texture::destroy() noexcept
+{
+    // Nothing may be thrown from here. Unused slots hold 0, which GL ignores,
+    // so a creation that failed half-way is released the same way.
+    if (names_[0] != 0 || names_[1] != 0)
+        glDeleteTextures(2, names_);
+    if (framebuffer_ != 0)
+        glDeleteFramebuffers(1, &framebuffer_);
+    names_[0] = names_[1] = 0;
+    count_ = 0;
+    framebuffer_ = 0;
+}

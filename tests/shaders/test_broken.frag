@@ -1,0 +1,5 @@
+// Deliberately does not compile.
+void main()
+{
+    fragColor = undefinedThing;
+}
