@@ -38,17 +38,19 @@ std::string findXvfb()
         return beside;
     return "Xvfb";
 }
+}  // namespace
 
-void selectGlxVendor()
+bool selectGlxVendor(const char* vendorLibrary, const char* vendorName)
 {
     if (std::getenv("__GLX_VENDOR_LIBRARY_NAME"))
-        return;  // the user's choice stands
-    if (void* lib = dlopen("libGLX_nvidia.so.0", RTLD_LAZY | RTLD_LOCAL)) {
-        dlclose(lib);
-        setenv("__GLX_VENDOR_LIBRARY_NAME", "nvidia", 0);
-    }
+        return false;  // the user's choice stands
+    void* lib = dlopen(vendorLibrary, RTLD_LAZY | RTLD_LOCAL);
+    if (!lib)
+        return false;
+    dlclose(lib);
+    setenv("__GLX_VENDOR_LIBRARY_NAME", vendorName, 0);
+    return true;
 }
-}  // namespace
 
 bool privateDisplayRunning() { return g_serverPid > 0; }
 
@@ -130,6 +132,6 @@ void ensureDisplay()
         stopPrivateDisplay();
         throw std::runtime_error("Failed to start Xvfb: no display was opened (is the xvfb package installed?)");
     }
-    selectGlxVendor();
+    selectGlxVendor("libGLX_nvidia.so.0", "nvidia");
     setenv("DISPLAY", (":" + number).c_str(), 1);
 }

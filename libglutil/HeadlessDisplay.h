@@ -15,3 +15,9 @@ void stopPrivateDisplay();
 
 // True when ensureDisplay() started a server in this process.
 bool privateDisplayRunning();
+
+// Points glvnd at `vendorName` (__GLX_VENDOR_LIBRARY_NAME) when that variable
+// is unset and `vendorLibrary` can be loaded; returns whether it did. Used for
+// the private server with NVIDIA's "libGLX_nvidia.so.0": without the variable
+// glvnd would take the vendor of the X server, Mesa's software renderer.
+bool selectGlxVendor(const char* vendorLibrary, const char* vendorName);
