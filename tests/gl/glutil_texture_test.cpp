@@ -278,3 +278,51 @@ TEST(TextureFormats, ChannelsOfRejectsUnknownFormats)
         EXPECT_STREQ(e.what(), "unknown GL format: 32992");
     }
 }
+
+// The one-shot mipmap request: the next creation with data gets a chain one
+// level short of complete (4096 gives 12 levels), HDR formats never get one,
+// and the request is used up by the first creation that reads it.
+TEST(TextureMipmap, RequestIsOneShotAndSkipsHdr)
+{
+    if (!glewIsSupported("GL_VERSION_4_2"))
+        GTEST_SKIP() << "level count is only fixed with immutable storage";
+    const auto pixels = patternBytes(4096 * 4 * 3, 3);
+    Texture::mipmapRequest() = true;
+    Texture mip;
+    mip.create(4096, 4, GL_RGB8, GL_RGB, pixels.data());
+    EXPECT_TRUE(mip.isMipMap());
+    EXPECT_FALSE(Texture::mipmapRequest());
+    GLint levels = 0;
+    glBindTexture(Texture::target(), mip.piece(0));
+    glGetTexParameteriv(Texture::target(), GL_TEXTURE_IMMUTABLE_LEVELS, &levels);
+    EXPECT_EQ(levels, Texture::target() == GL_TEXTURE_2D_ARRAY ? 1 : 12);
+
+    Texture plain;
+    plain.create(64, 4, GL_RGB8, GL_RGB, pixels.data());
+    EXPECT_FALSE(plain.isMipMap());
+
+    Texture::mipmapRequest() = true;
+    Texture rgbe;
+    rgbe.create(64, 4, GL_RGBA8, GL_RGBA, patternBytes(64 * 4 * 4, 4).data());
+    EXPECT_FALSE(rgbe.isMipMap());
+    EXPECT_FALSE(Texture::mipmapRequest());
+    EXPECT_EQ(glErrorReport(__FILE__, __LINE__), "");
+}
+
+// copyTo converts a half-float target into 8-bit on the GPU: 0.25, 0.5, 0.75,
+// 1.0 become 64, 128, 191, 255 (GL rounds to nearest; 0.75 * 255 = 191.25).
+TEST(TextureCopy, FloatTargetToRGBA8)
+{
+    Texture half(40, 300, GL_RGBA16F);
+    glClearColor(0.25f, 0.5f, 0.75f, 1.0f);
+    glClear(GL_COLOR_BUFFER_BIT);
+    glClearColor(0, 0, 0, 0);
+    Texture bytes(40, 300, GL_RGBA8);
+    half.copyTo(bytes);
+    const auto out = readRGBA(bytes);
+    int bad = 0;
+    for (size_t i = 0; i < out.size(); i += 4)
+        bad += out[i] != 64 || out[i + 1] != 128 || out[i + 2] != 191 || out[i + 3] != 255;
+    EXPECT_EQ(bad, 0);
+    EXPECT_EQ(glErrorReport(__FILE__, __LINE__), "");
+}
