@@ -1,0 +1,218 @@
+#include "image/Jpeg.h"
+
+#include <cerrno>
+#include <csetjmp>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include <jerror.h>
+#include <jpeglib.h>
+
+#include "image/FormatText.h"
+#include "image/OutputFile.h"
+
+namespace {
+
+// libjpeg's default error_exit calls exit(). Ours formats the message and
+// longjmps back into the function that called the library; that function
+// then reports failure and its C++ caller throws. Functions holding a setjmp
+// keep only trivially destructible locals, since longjmp skips destructors.
+struct ErrorManager {
+    jpeg_error_mgr pub;
+    void (*defaultEmitMessage)(j_common_ptr, int);
+    jmp_buf jump;
+    char message[JMSG_LENGTH_MAX];
+};
+
+void errorExit(j_common_ptr cinfo)
+{
+    ErrorManager* err = reinterpret_cast<ErrorManager*>(cinfo->err);
+    (*cinfo->err->format_message)(cinfo, err->message);
+    std::longjmp(err->jump, 1);
+}
+
+// A file cut short only raises a warning (libjpeg pads the data with an EOI
+// marker and the rest of the image comes out grey). Treat it as an error so a
+// truncated photograph is never used; other warnings keep libjpeg's handling.
+void emitMessage(j_common_ptr cinfo, int level)
+{
+    if (level < 0 && cinfo->err->msg_code == JWRN_JPEG_EOF)
+        errorExit(cinfo);
+    ErrorManager* err = reinterpret_cast<ErrorManager*>(cinfo->err);
+    err->defaultEmitMessage(cinfo, level);
+}
+
+void setupErrorManager(ErrorManager& err)
+{
+    jpeg_std_error(&err.pub);
+    err.pub.error_exit = errorExit;
+    err.defaultEmitMessage = err.pub.emit_message;
+    err.pub.emit_message = emitMessage;
+    err.message[0] = '\0';
+}
+
+// Limit on libjpeg's working memory (coefficient buffers of progressive
+// files); beyond it the library fails with its own message instead of
+// allocating whatever a corrupt header declares.
+constexpr long kMaxJpegWorkingMemory = 2L << 30;
+
+bool readJpegHeader(jpeg_decompress_struct* cinfo, ErrorManager* err, FILE* file, bool* created)
+{
+    if (setjmp(err->jump))
+        return false;
+    jpeg_create_decompress(cinfo);
+    *created = true;
+    cinfo->mem->max_memory_to_use = kMaxJpegWorkingMemory;
+    jpeg_stdio_src(cinfo, file);
+    jpeg_read_header(cinfo, TRUE);
+    jpeg_calc_output_dimensions(cinfo);
+    return true;
+}
+
+bool decodeJpegRows(jpeg_decompress_struct* cinfo, ErrorManager* err, uint8_t* pixels, size_t rowBytes)
+{
+    if (setjmp(err->jump))
+        return false;
+    jpeg_start_decompress(cinfo);
+    while (cinfo->output_scanline < cinfo->output_height) {
+        JSAMPROW row = pixels + size_t(cinfo->output_scanline) * rowBytes;
+        jpeg_read_scanlines(cinfo, &row, 1);
+    }
+    jpeg_finish_decompress(cinfo);
+    return true;
+}
+
+struct RowSource {
+    const ImageView* view;
+    uint8_t* scratch;  // one packed row, used when the view's pixel step is not 3
+};
+
+bool encodeJpeg(jpeg_compress_struct* cinfo, ErrorManager* err, FILE* file, const RowSource* src, bool* created)
+{
+    if (setjmp(err->jump))
+        return false;
+    jpeg_create_compress(cinfo);
+    *created = true;
+    jpeg_stdio_dest(cinfo, file);
+    const ImageView& v = *src->view;
+    cinfo->image_width = JDIMENSION(v.width);
+    cinfo->image_height = JDIMENSION(v.height);
+    cinfo->input_components = 3;
+    cinfo->in_color_space = JCS_RGB;
+    jpeg_set_defaults(cinfo);
+    jpeg_set_quality(cinfo, 90, TRUE);
+    jpeg_start_compress(cinfo, TRUE);
+    const int32_t step = v.step();
+    for (int32_t y = 0; y < v.height; ++y) {
+        JSAMPROW row = v.row(y);
+        if (src->scratch) {
+            const uint8_t* p = v.row(y);
+            for (int32_t x = 0; x < v.width; ++x, p += step)
+                std::memcpy(src->scratch + 3 * size_t(x), p, 3);
+            row = src->scratch;
+        }
+        jpeg_write_scanlines(cinfo, &row, 1);
+    }
+    jpeg_finish_compress(cinfo);
+    return true;
+}
+
+struct FileCloser {
+    void operator()(FILE* f) const
+    {
+        if (f && f != stdout)
+            std::fclose(f);
+    }
+};
+using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+FILE* openFileNamed(const std::string& path, const char* mode, const std::string& shownName)
+{
+    if (path == "-")
+        return stdout;  // binary mode is the only mode on this platform
+    FILE* f = std::fopen(path.c_str(), mode);
+    if (!f)
+        throw std::runtime_error(formatText("Error opening file '%s' (with mode '%s'): %s", shownName.c_str(),
+                                            mode, std::strerror(errno)));
+    return f;
+}
+
+void writeJpegTo(FILE* file, const ImageView& rgb, const std::string& path)
+{
+    if (rgb.width <= 0 || rgb.height <= 0 || rgb.width > JPEG_MAX_DIMENSION || rgb.height > JPEG_MAX_DIMENSION)
+        throw std::runtime_error(formatText("Error writing JPEG file '%s': unsupported image size %dx%d",
+                                            path.c_str(), rgb.width, rgb.height));
+    if (rgb.step() < 3)
+        throw std::runtime_error(formatText("Error writing JPEG file '%s': pixels are not RGB", path.c_str()));
+    std::vector<uint8_t> scratch(rgb.step() == 3 ? 0 : size_t(rgb.width) * 3);
+    RowSource src{&rgb, scratch.empty() ? nullptr : scratch.data()};
+
+    jpeg_compress_struct cinfo;
+    ErrorManager err;
+    setupErrorManager(err);
+    cinfo.err = &err.pub;
+    bool created = false;
+    const bool ok = encodeJpeg(&cinfo, &err, file, &src, &created);
+    if (created)
+        jpeg_destroy_compress(&cinfo);
+    if (!ok)
+        throw std::runtime_error(formatText("Error writing JPEG file '%s': %s", path.c_str(), err.message));
+}
+
+}  // namespace
+
+FILE* openFile(const std::string& path, const char* mode)
+{
+    return openFileNamed(path, mode, path);
+}
+
+Image readJpeg(const std::string& path)
+{
+    FilePtr file(openFile(path, "rb"));
+
+    jpeg_decompress_struct cinfo;
+    ErrorManager err;
+    setupErrorManager(err);
+    cinfo.err = &err.pub;
+    bool created = false;
+    struct Destroy {
+        jpeg_decompress_struct* cinfo;
+        const bool* created;
+        ~Destroy()
+        {
+            if (*created)
+                jpeg_destroy_decompress(cinfo);
+        }
+    } destroy{&cinfo, &created};
+
+    if (!readJpegHeader(&cinfo, &err, file.get(), &created))
+        throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), err.message));
+    if (cinfo.output_components != 3)
+        throw std::runtime_error("can not open JPEG with color format other than RGB");
+    // Image checks width x height x 3 against the allocation limit itself.
+    Image image(int32_t(cinfo.output_width), int32_t(cinfo.output_height), 3);
+    if (!decodeJpegRows(&cinfo, &err, image.data, size_t(image.stride())))
+        throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), err.message));
+    return image;
+}
+
+void writeJpeg(const ImageView& rgb, const std::string& path)
+{
+    if (path == "-") {
+        writeJpegTo(stdout, rgb, path);
+        if (std::fflush(stdout) != 0)
+            throw std::runtime_error(
+                formatText("Error writing JPEG file '%s': %s", path.c_str(), std::strerror(errno)));
+        return;
+    }
+    AtomicOutputFile out(path);
+    FilePtr file(openFileNamed(out.tempPath(), "wb", path));
+    writeJpegTo(file.get(), rgb, path);
+    FILE* f = file.release();
+    const bool failed = std::ferror(f) != 0;
+    if (std::fclose(f) != 0 || failed)
+        throw std::runtime_error(formatText("Error writing JPEG file '%s': %s", path.c_str(), std::strerror(errno)));
+    out.commit();
+}

@@ -1,0 +1,28 @@
+#pragma once
+// Output files appear complete or not at all: a writer writes to a temporary
+// name in the destination's directory and commit() renames it into place once
+// the file is complete and closed. An output that fails half way therefore
+// never leaves a truncated file under the final name (nor replaces an older one).
+#include <string>
+
+class AtomicOutputFile {
+public:
+    // Temporary name: finalPath + ".tmp-<process id>", same directory.
+    explicit AtomicOutputFile(std::string finalPath);
+    ~AtomicOutputFile();  // removes the temporary file unless committed
+    AtomicOutputFile(const AtomicOutputFile&) = delete;
+    AtomicOutputFile& operator=(const AtomicOutputFile&) = delete;
+
+    const std::string& finalPath() const { return finalPath_; }
+    const std::string& tempPath() const { return tempPath_; }
+
+    // Renames the temporary file to the final name. Call only after the file
+    // has been closed. Throws std::runtime_error
+    // "Failed to write file '%s': %s" (final path, system error) on failure.
+    void commit();
+
+private:
+    std::string finalPath_;
+    std::string tempPath_;
+    bool committed_ = false;
+};
