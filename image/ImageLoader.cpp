@@ -1,0 +1,262 @@
+#include "image/ImageLoader.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "app/OptionHash.h"
+#include "app/StageTimer.h"
+#include "image/ExponentStats.h"
+#include "image/Jpeg.h"
+#include "image/Radiance.h"
+#include "libglutil/Shader.h"
+
+extern char** environ;
+
+namespace {
+
+bool isExecutableFile(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
+}
+
+std::string lowerExtension(const std::string& path)
+{
+    const size_t dot = path.rfind('.');
+    if (dot == std::string::npos)
+        return std::string();
+    std::string ext = path.substr(dot + 1);
+    for (char& c : ext)
+        c = char(std::tolower(static_cast<unsigned char>(c)));
+    return ext;
+}
+
+Texture rgbTexture(const Image& rgb)
+{
+    Texture texture;
+    texture.create(rgb.width, rgb.height, GL_RGB8, GL_RGB, rgb.data, rgb.stride());
+    return texture;
+}
+
+Texture loadRadiance(const std::string& path)
+{
+    // Reported whether or not stage timing is on: loading an HDR source is
+    // the slow part of a render and always worth seeing.
+    StageTimer timer("[T]");
+    Image rgbe = readRadiance(path);
+    glFinish();
+    timer.markStage("read");
+
+    const ExponentStats stats = exponentStats(rgbe);
+    printExponentStats(rgbe, stats);
+    Texture texture;
+    texture.meanLevel = std::exp2(stats.mean());
+    texture.minLevel = std::exp2(double(stats.minE));
+    texture.maxLevel = std::exp2(double(stats.maxE));
+    texture.create(rgbe.width, rgbe.height, GL_RGBA8, GL_RGBA, rgbe.data, rgbe.stride());
+    glFinish();
+    timer.markStage("cpu -> gpu");
+    return texture;
+}
+
+[[noreturn]] void throwExecError(const std::string& command, int error)
+{
+    throw std::runtime_error("Error opening/executing '" + command + "': " + std::strerror(error));
+}
+
+// The two decoder processes and the read end of the pipe from the second one.
+// Closing always reaps both children, so no failure path leaves a zombie or
+// a process blocked on a pipe nobody reads (closing our end first makes a
+// writer still running get EPIPE and end).
+class RawPipeline {
+public:
+    RawPipeline(const std::string& path)
+    {
+        const std::string dcraw = toolPath("dcraw");
+        const std::string djpeg = toolPath("djpeg");
+        // Shown in messages only; it never reaches a shell.
+        command_ = "\"" + dcraw + "\" -e -c \"" + path + "\" | \"" + djpeg + "\" -fast -ppm -scale 1/8";
+
+        int between[2] = {-1, -1};
+        int fromDjpeg[2] = {-1, -1};
+        // Close-on-exec everywhere: each child keeps only the ends dup2'ed to
+        // its standard streams, so end-of-file arrives when the writers exit.
+        if (pipe2(between, O_CLOEXEC) != 0)
+            throwExecError(command_, errno);
+        if (pipe2(fromDjpeg, O_CLOEXEC) != 0) {
+            const int e = errno;
+            ::close(between[0]);
+            ::close(between[1]);
+            throwExecError(command_, e);
+        }
+        std::string pathArg = path;
+        std::string dcrawArg = dcraw, djpegArg = djpeg;
+        char e[] = "-e", c[] = "-c", fast[] = "-fast", ppm[] = "-ppm", scale[] = "-scale", eighth[] = "1/8";
+        char* dcrawArgv[] = {dcrawArg.data(), e, c, pathArg.data(), nullptr};
+        char* djpegArgv[] = {djpegArg.data(), fast, ppm, scale, eighth, nullptr};
+
+        int error = spawn(&dcrawPid_, dcraw, dcrawArgv, -1, between[1]);
+        if (error == 0)
+            error = spawn(&djpegPid_, djpeg, djpegArgv, between[0], fromDjpeg[1]);
+        ::close(between[0]);
+        ::close(between[1]);
+        ::close(fromDjpeg[1]);
+        if (error == 0) {
+            stream_ = fdopen(fromDjpeg[0], "rb");
+            if (!stream_)
+                error = errno;
+        }
+        if (error != 0) {
+            if (!stream_)
+                ::close(fromDjpeg[0]);
+            close();
+            throwExecError(command_, error);
+        }
+    }
+
+    ~RawPipeline() { close(); }
+    RawPipeline(const RawPipeline&) = delete;
+    RawPipeline& operator=(const RawPipeline&) = delete;
+
+    FILE* stream() const { return stream_; }
+
+    void close()
+    {
+        if (stream_) {
+            std::fclose(stream_);
+            stream_ = nullptr;
+        }
+        reap(dcrawPid_);
+        reap(djpegPid_);
+    }
+
+private:
+    // Starts `program` with its standard input and output redirected (-1 keeps
+    // ours). A program that does not exist or cannot be executed is not an
+    // error: its end of the pipe simply stays empty, as when a command
+    // interpreter fails to find it. Returns an errno for real set-up failures.
+    static int spawn(pid_t* pid, const std::string& program, char* const argv[], int in, int out)
+    {
+        posix_spawn_file_actions_t actions;
+        int rc = posix_spawn_file_actions_init(&actions);
+        if (rc != 0)
+            return rc;
+        if (in >= 0)
+            rc = posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
+        if (rc == 0)
+            rc = posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+        if (rc == 0)
+            rc = posix_spawn(pid, program.c_str(), &actions, nullptr, argv, environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (rc != 0)
+            *pid = -1;
+        switch (rc) {
+        case ENOENT: case EACCES: case ENOEXEC: case ENOTDIR: case ELOOP: case ENAMETOOLONG: case EPERM:
+            return 0;
+        default:
+            return rc;
+        }
+    }
+
+    static void reap(pid_t& pid)
+    {
+        if (pid <= 0)
+            return;
+        int status = 0;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        pid = -1;
+    }
+
+    std::string command_;
+    pid_t dcrawPid_ = -1;
+    pid_t djpegPid_ = -1;
+    FILE* stream_ = nullptr;
+};
+
+}  // namespace
+
+std::string toolPath(const std::string& name)
+{
+    const std::string beside = Shader::filePath(name);
+    if (isExecutableFile(beside))
+        return beside;
+    if (const char* path = std::getenv("PATH")) {
+        const std::string dirs = path;
+        size_t begin = 0;
+        for (;;) {
+            const size_t end = dirs.find(':', begin);
+            std::string dir = dirs.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
+            if (dir.empty())
+                dir = ".";
+            const std::string candidate = dir + "/" + name;
+            if (isExecutableFile(candidate))
+                return candidate;
+            if (end == std::string::npos)
+                break;
+            begin = end + 1;
+        }
+    }
+    return beside;
+}
+
+Image readRawPreview(const std::string& path)
+{
+    RawPipeline pipeline(path);
+    FILE* in = pipeline.stream();
+
+    // The header is three short lines; 16-byte reads are plenty for them.
+    std::string header;
+    for (int line = 0; line < 3; ++line) {
+        char buffer[16] = {0};
+        if (!std::fgets(buffer, sizeof buffer, in))
+            break;
+        header += buffer;
+    }
+    int width = 0, height = 0, maxValue = 0;
+    if (std::sscanf(header.c_str(), "P6\n%d %d\n%d", &width, &height, &maxValue) < 3)
+        throw std::runtime_error("Failed to parse PNM file header.");
+    if (maxValue != 255)
+        throw std::runtime_error("PNM file has wrong max value: " + std::to_string(maxValue));
+    if (width <= 0 || height <= 0)
+        throw std::runtime_error("Failed to parse PNM file header.");
+    // Refuse what the GPU cannot hold before allocating for it.
+    Texture::checkFits(width, height);
+
+    Image rgb(width, height, 3);
+    const size_t expected = rgb.byteSize();
+    const size_t got = std::fread(rgb.data, 1, expected, in);
+    if (got < expected)
+        throw std::runtime_error("Failed to read PNM file data: " + std::to_string(got) + " != " +
+                                 std::to_string(expected) + " -> " + std::to_string(std::feof(in) ? 1 : 0));
+    pipeline.close();
+    return rgb;
+}
+
+Texture loadImage(const std::string& path)
+{
+    switch (optionHash(lowerExtension(path))) {
+    case "jpg"_oh:
+    case "jpeg"_oh:
+        return rgbTexture(readJpeg(path));
+    case "cr2"_oh:
+        return rgbTexture(readRawPreview(path));
+    case "hdr"_oh:
+        return loadRadiance(path);
+    default:
+        throw std::runtime_error("failed to open file '" + path + "': unsupported file type");
+    }
+}

@@ -1,0 +1,32 @@
+#pragma once
+// Turns a source picture into a GPU texture, choosing the decoder by the file
+// name's extension (lower-cased, dispatched through optionHash):
+//   "jpg", "jpeg"  JPEG decoded in-process          -> GL_RGB8
+//   "cr2"          camera raw: its embedded JPEG preview, extracted by `dcraw`
+//                  and decoded at 1/8 size by `djpeg` -> GL_RGB8
+//   "hdr"          Radiance RGBE, bytes unchanged   -> GL_RGBA8 (texIsRGBE), with
+//                  the exposure figures (2^mean, 2^min, 2^max exponent) filled in
+// Anything else throws "failed to open file '<path>': unsupported file type".
+// Needs a current GL context; failures are std::runtime_error (opengl_error
+// for GPU limits).
+#include <string>
+
+#include "image/ImageView.h"
+#include "libglutil/Texture.h"
+
+Texture loadImage(const std::string& path);
+
+// Runs `dcraw -e -c <path> | djpeg -fast -ppm -scale 1/8` (two processes joined
+// by a pipe, no shell: the path reaches dcraw as one argument whatever it
+// contains) and reads the binary PPM that djpeg prints: "P6\n<w> <h>\n255\n"
+// then w * h * 3 bytes. Throws "Failed to parse PNM file header.",
+// "PNM file has wrong max value: <n>", "Failed to read PNM file data: <got> !=
+// <expected> -> <eof>", or "Error opening/executing '<command>': <reason>" when
+// the processes cannot be set up. A tool that is missing or cannot run leaves
+// the pipe empty (the header message).
+Image readRawPreview(const std::string& path);
+
+// `name` in the directory of the running executable if an executable file is
+// there, else the first executable of that name on PATH, else the path beside
+// the executable (which then fails to start).
+std::string toolPath(const std::string& name);
