@@ -200,6 +200,12 @@ TEST(TextureBind, ReturnsNextUnitAndSetsUniforms)
 {
     installTestShaders();
     Shader program("test_uniforms", "");
+    // The program comes with its samplers preset to units 0 and 1.
+    GLint unit0 = -1, unit1 = -1;
+    glGetUniformiv(program.program(), glGetUniformLocation(program.program(), "texUnit0"), &unit0);
+    glGetUniformiv(program.program(), glGetUniformLocation(program.program(), "texUnit1"), &unit1);
+    EXPECT_EQ(unit0, 0);
+    EXPECT_EQ(unit1, 1);
     Texture split;
     split.create(12000, 8, GL_RGBA8, GL_RGBA, patternBytes(12000 * 8 * 4, 1).data());
     const GLenum afterSplit = split.bind(GL_TEXTURE0);
