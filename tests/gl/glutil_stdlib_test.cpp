@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "glutil_helpers.h"
+#include "image/Rgbe.h"
 #include "libglutil/Framebuffer.h"
 #include "libglutil/GLError.h"
 #include "libglutil/Shader.h"
@@ -218,4 +219,43 @@ TEST(ShaderStdlib, SrgbCurvesMatchTheStandard)
     }
     EXPECT_LE(maxErr, 1.0);
     EXPECT_LT(sum / (256 * 3), 0.35);
+}
+
+// encodeRGBE agrees byte for byte with the CPU encoder on values with full
+// 24-bit mantissas: decode is exact on both sides and one float multiply is
+// correctly rounded on both, so any difference is the encoder's (exponent
+// choice at powers of two, truncation, low-8-bit wrap).
+TEST(ShaderStdlib, RgbeEncodeMatchesCpuEncoder)
+{
+    const int w = 128, h = 64;
+    auto rgbe = patternBytes(size_t(w) * h * 4, 777);
+    for (size_t i = 0; i < size_t(w) * h; ++i) {
+        rgbe[i * 4 + 3] = uint8_t(110 + rgbe[i * 4 + 3] % 40);
+        if (i % 7 == 0)
+            rgbe[i * 4 + i % 3] = 0;  // a zero channel beside others
+    }
+    Texture image;
+    image.create(w, h, GL_RGBA8, GL_RGBA, rgbe.data());
+    installTestShaders();
+    Shader program("test_rgbe", "");
+    image.bind(GL_TEXTURE0);
+    Texture target(w, h, GL_RGBA8);
+    for (const float gain : {0.7f, 1.37f, 3.1f, 1.0f / 3.0f}) {
+        SCOPED_TRACE(gain);
+        program.use();
+        program.setUniform("gain", gain);
+        bindAsRenderTarget(target);
+        glClear(GL_COLOR_BUFFER_BIT);
+        fullScreenPass(w, h);
+        const auto out = readRGBA(target);
+        int bad = 0;
+        for (size_t i = 0; i < size_t(w) * h; ++i) {
+            float c[3];
+            rgbeToFloat(&rgbe[i * 4], c);
+            uint8_t expected[4];
+            floatToRgbe(c[0] * gain, c[1] * gain, c[2] * gain, expected);
+            bad += std::memcmp(expected, &out[i * 4], 4) != 0;
+        }
+        EXPECT_EQ(bad, 0);
+    }
 }
