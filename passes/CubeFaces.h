@@ -1,0 +1,53 @@
+#pragma once
+// Six cube faces from an equirectangular panorama, rendered on the GPU one face
+// per pass with the "envmap" shader, written as one tiled, mipmapped OpenEXR
+// cube map or as JPEG faces (single files or a tile pyramid).
+//
+// Face orientation (the same for both writers): each face is what a web cube
+// viewer shows. f looks at the horizontal centre of the panorama (lon 0), r at
+// lon +90, b at 180, l at -90, u at the zenith, d at the nadir; the four side
+// faces are upright, u's bottom edge and d's top edge touch f. Face pixel
+// (i, j), i to the right and j down, looks along
+//   forward + (2(i + 0.5)/s - 1) right - (2(j + 0.5)/s - 1) up.
+#include <array>
+#include <string>
+
+#include "image/ImageView.h"
+
+// Cube map from the RGBE panorama: prefix + ".exr", faces of s x s stacked in
+// the table's order, tiled, with round-down mipmap levels. Prints the image's
+// exponent statistics first.
+void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& outputPrefix,
+                       const std::string& compression, const std::string& previewPath,
+                       const std::string& projectPath);
+
+// JPEG faces from the 8-bit panorama: prefix + "_" + letter + ".jpg", or, when
+// the prefix ends in "/" or "\", a tile pyramid "%d_%s_%02d_%02d.jpg" (level,
+// letter, tile row, tile column) inside that directory.
+void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const std::string& outputPrefix);
+
+// ---- Geometry shared by both writers and the shader (no GL) ----
+
+struct CubeFace {
+    float yaw;    // degrees
+    float pitch;  // degrees
+    const char* letter;
+};
+// In OpenEXR cube-map face order (+X, -X, +Y, -Y, +Z, -Z).
+extern const std::array<CubeFace, 6> kCubeFaces;
+
+using Mat3f = std::array<float, 9>;
+
+// "yaw_pitch_mat": rotation about the vertical axis by yaw times the rotation
+// about the horizontal axis by -pitch, nine floats in GL (column-major) order.
+Mat3f yawPitchMatrix(float yawDeg, float pitchDeg);
+
+// Tile edge for face size s: s halved while it is above 512 and even.
+int cubeTileSize(int faceSize);
+
+// "%d_%s_%02d_%02d.jpg" of the pyramid.
+std::string pyramidTileName(int level, const char* letter, int row, int column);
+
+// CPU twin of shaders/envmap.*: the unit direction, in the panorama frame
+// (x towards lon +90, y up, z towards lon 0), seen by pixel (i, j) of face f.
+std::array<double, 3> cubeFaceDirection(int face, double i, double j, int faceSize);

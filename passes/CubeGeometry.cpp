@@ -1,0 +1,54 @@
+// Face table, face matrix, tile rule and the CPU twin of the envmap shader.
+#include <cmath>
+#include <cstdio>
+
+#include "passes/CubeFaces.h"
+
+const std::array<CubeFace, 6> kCubeFaces = {{
+    {270.0f, 0.0f, "r"},
+    {90.0f, 0.0f, "l"},
+    {180.0f, 90.0f, "u"},
+    {180.0f, -90.0f, "d"},
+    {0.0f, 0.0f, "b"},
+    {180.0f, 0.0f, "f"},
+}};
+
+Mat3f yawPitchMatrix(float yawDeg, float pitchDeg)
+{
+    const float toRad = float(M_PI) / 180.0f;
+    const float yaw = yawDeg * toRad, pitch = pitchDeg * toRad;
+    const float cy = std::cos(yaw), sy = std::sin(yaw);
+    const float cp = std::cos(pitch), sp = std::sin(pitch);
+    return {cy, 0.0f, -sy, -sp * sy, cp, -sp * cy, cp * sy, sp, cp * cy};
+}
+
+int cubeTileSize(int faceSize)
+{
+    int t = faceSize;
+    while (t > 512 && t % 2 == 0)
+        t /= 2;
+    return t;
+}
+
+std::string pyramidTileName(int level, const char* letter, int row, int column)
+{
+    char name[64];
+    std::snprintf(name, sizeof name, "%d_%s_%02d_%02d.jpg", level, letter, row, column);
+    return name;
+}
+
+std::array<double, 3> cubeFaceDirection(int face, double i, double j, int faceSize)
+{
+    // Face-local frame as in envmap.vert: x right, y up, z forward.
+    const double s = faceSize;
+    const double local[3] = {2.0 * (i + 0.5) / s - 1.0, 1.0 - 2.0 * (j + 0.5) / s, 1.0};
+    const Mat3f m = yawPitchMatrix(kCubeFaces[face].yaw, kCubeFaces[face].pitch);
+    double w[3];
+    for (int r = 0; r < 3; ++r)
+        w[r] = m[r] * local[0] + m[3 + r] * local[1] + m[6 + r] * local[2];
+    // The face table's yaw counts from the back of the panorama (yaw 180 is
+    // the front face), so the matrix's frame is the panorama frame turned by
+    // 180 degrees about the vertical axis.
+    const double len = std::sqrt(w[0] * w[0] + w[1] * w[1] + w[2] * w[2]);
+    return {-w[0] / len, w[1] / len, -w[2] / len};
+}

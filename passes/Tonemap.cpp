@@ -1,0 +1,78 @@
+// GPU side of the tone-mapping pass.
+#include "passes/Tonemap.h"
+
+#include <iostream>
+#include <stdexcept>
+
+#include "image/ExponentStats.h"
+#include "libglutil/Framebuffer.h"
+#include "libglutil/GLError.h"
+#include "libglutil/Shader.h"
+#include "libglutil/Stage.h"
+#include "libglutil/Texture.h"
+
+ImageView tonemap(const ImageView& rgbe)
+{
+    StageTimer total("[T] tonemap (total)");
+    const int width = rgbe.width, height = rgbe.height;
+    // The chunks are runs of the pixel sequence and the output is written
+    // packed over the input, so the input must be packed RGBE.
+    if (rgbe.step() != 4 || rgbe.stride() != 4 * width)
+        throw std::runtime_error("tonemap: the RGBE image must be packed (4 bytes a pixel, no row padding)");
+
+    const SceneKey key = measureSceneKey(rgbe);
+    std::cerr << "avgLum = " << key.avgLum << ", maxLum = " << key.rawMax << std::endl;
+    finishStage("avg log lum");
+
+    Shader program("tonemap", "");
+    program.setUniform("avgLum", key.avgLum);
+    program.setUniform("maxLum", whiteLuminance(key));
+    finishStage("shader");
+
+    const ToneChunks chunks = toneChunks(width, height);
+    const int64_t chunkPixels = int64_t(chunks.width) * chunks.height;
+    Texture target(chunks.width, chunks.height, GL_RGB8);
+
+    for (int k = 0; k < chunks.count; ++k) {
+        const uint8_t* in = rgbe.data + k * chunkPixels * 4;
+        const ChunkExposure e = chunkExposure(in, chunkPixels);
+        ExponentStats stats;
+        stats.maxE = e.maxE;
+        stats.minE = e.minE;
+        stats.count = e.count;
+        stats.sum = e.sum;
+        ImageView chunkView;
+        chunkView.data = const_cast<uint8_t*>(in);
+        chunkView.pixelStep = 4;
+        chunkView.rowStride = 4 * chunks.width;
+        chunkView.width = chunks.width;
+        chunkView.height = chunks.height;
+        printExponentStats(chunkView, stats);
+
+        Texture input;
+        input.create(chunks.width, chunks.height, GL_RGBA8, GL_RGBA, in, 4 * chunks.width);
+        finishStage("cpu -> gpu (render)");
+
+        input.bind(GL_TEXTURE0);
+        bindAsRenderTarget(target);
+        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+        fullScreenPass(chunks.width, chunks.height);
+        finishStage("render (tonemap)");
+
+        // 3 bytes a pixel land behind the 4-byte input of this and the later
+        // chunks: nothing still to be uploaded is overwritten.
+        glPixelStorei(GL_PACK_ROW_LENGTH, chunks.width);
+        target.readPixels(rgbe.data + k * chunkPixels * 3, GL_RGB);
+        glPixelStorei(GL_PACK_ROW_LENGTH, 0);
+        GL_CHECK();
+        finishStage("gpu -> cpu (render)");
+    }
+
+    ImageView rgb;
+    rgb.data = rgbe.data;
+    rgb.pixelStep = 3;
+    rgb.rowStride = 3 * width;
+    rgb.width = width;
+    rgb.height = height;
+    return rgb;
+}
