@@ -1,0 +1,46 @@
+// The logo pass: renders the nadir band in tiles and reads them back into the
+// panorama's bottom rows.
+#include "passes/Logo.h"
+
+#include "image/ImageLoader.h"
+#include "libglutil/Framebuffer.h"
+#include "libglutil/GLError.h"
+#include "libglutil/Shader.h"
+#include "libglutil/Stage.h"
+#include "libglutil/Texture.h"
+
+void drawLogo(int width, int height, uint8_t* pixels, int rowStrideBytes, const std::string& logoPath, bool hdr)
+{
+    const float fov = logoFov();
+    const int n = logoTileCount(width);
+    const int tileWidth = width / n;
+    const int bandHeight = logoBandHeight(fov, height);
+    Texture target(tileWidth, bandHeight, GL_RGBA8);
+
+    Texture logo = loadImage(logoPath);
+    finishStage("load (logo)");
+
+    Shader program("fish", hdr ? "#define RENDER_LOGO\n#define RGBE_OUT\n" : "#define RENDER_LOGO\n#define LDR\n");
+    program.setUniform("outFovX", 360.0f / float(n));
+    program.setUniform("fov", 2.0f * fov);
+    program.setUniform("inSize", float(logo.width()), float(logo.height()));
+    program.setUniform("outSize", float(target.width()), float(target.height()));
+
+    const int bytesPerPixel = hdr ? 4 : 3;
+    const GLenum format = hdr ? GL_RGBA : GL_RGB;
+    uint8_t* bandStart = pixels + int64_t(height - bandHeight) * rowStrideBytes;
+    for (int i = 0; i < n; ++i) {
+        const std::array<float, 9> cameraMat = logoCameraMatrix(i, n);
+        program.setMatrix3("cameraMat", cameraMat.data());
+        logo.bind(GL_TEXTURE0);
+        bindAsRenderTarget(target);
+        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+        fullScreenPass(target.width(), target.height());
+
+        glPixelStorei(GL_PACK_ROW_LENGTH, rowStrideBytes / bytesPerPixel);
+        target.readPixels(bandStart + int64_t(i) * tileWidth * bytesPerPixel, format);
+        glPixelStorei(GL_PACK_ROW_LENGTH, 0);
+        GL_CHECK();
+    }
+    finishStage("render logo");
+}
