@@ -141,6 +141,22 @@ T* stripBase(T* strip, int64_t firstColumn, int64_t firstRow, int64_t width)
     return reinterpret_cast<T*>(reinterpret_cast<intptr_t>(strip) - offset);
 }
 
+// Half of every RGBE channel value: entry E * 256 + byte holds the bits of
+// half(byte * 2^(E - 136)) (0 for E = 0), the same as decoding to float and
+// converting that to half, for one table lookup a channel.
+const uint16_t* rgbeToHalfTable()
+{
+    static const std::vector<uint16_t> table = [] {
+        std::vector<uint16_t> t(256 * 256);
+        const float* scale = rgbeExponentTable();
+        for (int e = 1; e < 256; ++e)
+            for (int b = 0; b < 256; ++b)
+                t[size_t(e) * 256 + size_t(b)] = half(float(b) * scale[e]).bits();
+        return t;
+    }();
+    return table.data();
+}
+
 int64_t conversionChunk(int64_t pixels)
 {
     return std::max<int64_t>(1, std::min<int64_t>(64, pixels / std::max(1, omp_get_max_threads())));
@@ -178,15 +194,16 @@ void rgbeToHalf(const ImageView& rgbe, Imf::Rgba* out)
     const int64_t chunk = conversionChunk(pixels);
     const bool packed = rgbe.step() == 4 && rgbe.stride() == 4 * rgbe.width;
     const uint8_t* data = rgbe.data;
+    const uint16_t* table = rgbeToHalfTable();
+    const uint16_t one = half(1.0f).bits();
 #pragma omp parallel for schedule(static, chunk) if (pixels > 256)
     for (int64_t i = 0; i < pixels; ++i) {
         const uint8_t* p = packed ? data + 4 * i : rgbe.pixel(int32_t(i % width), int32_t(i / width));
-        float rgb[3];
-        rgbeToFloat(p, rgb);
-        out[i].r = rgb[0];
-        out[i].g = rgb[1];
-        out[i].b = rgb[2];
-        out[i].a = 1.0f;
+        const uint16_t* row = table + size_t(p[3]) * 256;
+        out[i].r.setBits(row[p[0]]);
+        out[i].g.setBits(row[p[1]]);
+        out[i].b.setBits(row[p[2]]);
+        out[i].a.setBits(one);
     }
 }
 

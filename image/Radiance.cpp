@@ -9,6 +9,10 @@
 #include <stdexcept>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "image/ExponentStats.h"
 #include "image/FormatText.h"
 
@@ -98,14 +102,15 @@ bool parseSizeLine(const std::string& line, int64_t& height, int64_t& width)
     throw std::runtime_error(formatText("Bad scanline data in line %d in RADIANCE file '%s'", y, path.c_str()));
 }
 
-// Decodes the four run-length planes of one scanline from [p, end) into the
-// interleaved RGBE row. Every packet is bounded by what is left of the plane
-// and of the buffered data. Returns the position after the scanline.
-const uint8_t* decodeScanline(const uint8_t* p, const uint8_t* end, uint8_t* row, int32_t width, int32_t y,
+// Decodes the four run-length planes of one scanline from [p, end) into
+// `planes` (4 x width bytes, R plane first). Every packet is bounded by what
+// is left of the plane and of the buffered data. Returns the position after
+// the scanline.
+const uint8_t* decodeScanline(const uint8_t* p, const uint8_t* end, uint8_t* planes, int32_t width, int32_t y,
                               const std::string& path)
 {
     for (int c = 0; c < 4; ++c) {
-        uint8_t* out = row + c;
+        uint8_t* out = planes + size_t(c) * size_t(width);
         int32_t x = 0;
         while (x < width) {
             if (p >= end)
@@ -115,16 +120,11 @@ const uint8_t* decodeScanline(const uint8_t* p, const uint8_t* end, uint8_t* row
                 count -= 128;
                 if (count > width - x || p >= end)
                     throwBadScanline(y, path);
-                const uint8_t value = *p++;
-                uint8_t* o = out + 4 * ptrdiff_t(x);
-                for (int32_t i = 0; i < count; ++i)
-                    o[4 * i] = value;
+                std::memset(out + x, *p++, size_t(count));
             } else {
                 if (count == 0 || count > width - x || end - p < count)
                     throwBadScanline(y, path);
-                uint8_t* o = out + 4 * ptrdiff_t(x);
-                for (int32_t i = 0; i < count; ++i)
-                    o[4 * i] = p[i];
+                std::memcpy(out + x, p, size_t(count));
                 p += count;
             }
             x += count;
@@ -133,12 +133,45 @@ const uint8_t* decodeScanline(const uint8_t* p, const uint8_t* end, uint8_t* row
     return p;
 }
 
+// Interleaves four planes of `width` bytes into RGBE pixels.
+void interleavePlanes(const uint8_t* planes, int32_t width, uint8_t* row)
+{
+    const uint8_t* r = planes;
+    const uint8_t* g = r + width;
+    const uint8_t* b = g + width;
+    const uint8_t* e = b + width;
+    int32_t x = 0;
+#if defined(__SSE2__)
+    for (; x + 16 <= width; x += 16) {
+        const __m128i vr = _mm_loadu_si128(reinterpret_cast<const __m128i*>(r + x));
+        const __m128i vg = _mm_loadu_si128(reinterpret_cast<const __m128i*>(g + x));
+        const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
+        const __m128i ve = _mm_loadu_si128(reinterpret_cast<const __m128i*>(e + x));
+        const __m128i rgLo = _mm_unpacklo_epi8(vr, vg), rgHi = _mm_unpackhi_epi8(vr, vg);
+        const __m128i beLo = _mm_unpacklo_epi8(vb, ve), beHi = _mm_unpackhi_epi8(vb, ve);
+        __m128i* out = reinterpret_cast<__m128i*>(row + 4 * size_t(x));
+        _mm_storeu_si128(out + 0, _mm_unpacklo_epi16(rgLo, beLo));
+        _mm_storeu_si128(out + 1, _mm_unpackhi_epi16(rgLo, beLo));
+        _mm_storeu_si128(out + 2, _mm_unpacklo_epi16(rgHi, beHi));
+        _mm_storeu_si128(out + 3, _mm_unpackhi_epi16(rgHi, beHi));
+    }
+#endif
+    for (; x < width; ++x) {
+        uint8_t* p = row + 4 * size_t(x);
+        p[0] = r[x];
+        p[1] = g[x];
+        p[2] = b[x];
+        p[3] = e[x];
+    }
+}
+
 void readRunLengthPixels(std::istream& in, Image& image, const std::string& path)
 {
     const int32_t width = image.width;
     std::unique_ptr<uint8_t[]> buffer(new uint8_t[kReadBufferSize]());
     uint8_t* const buf = buffer.get();
     const size_t margin = size_t(width) * 4 + kRefillSlack;
+    std::vector<uint8_t> planes(4 * size_t(width));
     size_t pos = 0, end = 0;
     for (int32_t y = 0; y < image.height; ++y) {
         if (end - pos < margin) {
@@ -156,30 +189,53 @@ void readRunLengthPixels(std::istream& in, Image& image, const std::string& path
         if (h[0] != 2 || h[1] != 2 || ((h[2] << 8) | h[3]) != width)
             throw std::runtime_error(formatText("Failed to parse rle line header %d of RADIANCE file '%s': %d %d %d %d",
                                                 y, path.c_str(), h[0], h[1], h[2], h[3]));
-        const uint8_t* next = decodeScanline(buf + pos + 4, buf + end, image.row(y), width, y, path);
+        const uint8_t* next = decodeScanline(buf + pos + 4, buf + end, planes.data(), width, y, path);
+        interleavePlanes(planes.data(), width, image.row(y));
         pos = size_t(next - buf);
     }
 }
 
-// Emits one channel plane of a scanline as packets: runs of 4 or more equal
-// bytes (at most 127) as run packets; the stretch before a run as literal
-// packets of at most 128 bytes, unless the stretch is a single shorter run,
-// which also goes out as a run packet (a lone byte as 129 and the byte).
+// First j in [from, w - 3] where four equal bytes start, or w. Because every
+// earlier position fails the test, j is also where a run of equal bytes
+// begins (or j == from).
+int32_t findRunOfFour(const uint8_t* d, int32_t from, int32_t w)
+{
+    int32_t j = from;
+#if defined(__SSE2__)
+    for (; j + 19 <= w; j += 16) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(d + j));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(d + j + 1));
+        const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(d + j + 2));
+        const __m128i e = _mm_loadu_si128(reinterpret_cast<const __m128i*>(d + j + 3));
+        const __m128i same =
+            _mm_and_si128(_mm_and_si128(_mm_cmpeq_epi8(a, b), _mm_cmpeq_epi8(b, c)), _mm_cmpeq_epi8(c, e));
+        const int mask = _mm_movemask_epi8(same);
+        if (mask)
+            return j + __builtin_ctz(unsigned(mask));
+    }
+#endif
+    for (; j + 3 < w; ++j)
+        if (d[j] == d[j + 1] && d[j] == d[j + 2] && d[j] == d[j + 3])
+            return j;
+    return w;
+}
+
+// Emits one channel plane of a scanline as packets. Walking from the current
+// position over runs of equal bytes (each at most 127 long), the first run of
+// 4 or more goes out as a run packet (128 + length, value). The bytes before
+// it go out as literal packets of at most 128 bytes (count, bytes), unless
+// they form a single shorter run, which is sent as a run packet too, even a
+// lone byte (129, value). The search for the first run of 4 equal bytes finds
+// the same position as that walk, because all earlier positions are starts of
+// shorter runs or inside them.
 uint8_t* encodePlane(const uint8_t* d, int32_t w, uint8_t* out)
 {
-    constexpr int32_t kMinRun = 4;
     int32_t cur = 0;
     while (cur < w) {
-        int32_t beg = cur, run = 0, previous = 0;
-        while (run < kMinRun && beg < w) {
-            beg += run;
-            previous = run;
-            run = 1;
-            while (beg + run < w && run < 127 && d[beg + run] == d[beg])
-                ++run;
-        }
-        if (previous > 0 && previous == beg - cur) {
-            *out++ = uint8_t(128 + previous);
+        const int32_t beg = findRunOfFour(d, cur, w);
+        const int32_t pending = beg - cur;
+        if (pending > 0 && pending < 4 && d[beg - 1] == d[cur] && d[cur + pending / 2] == d[cur]) {
+            *out++ = uint8_t(128 + pending);
             *out++ = d[cur];
             cur = beg;
         }
@@ -190,10 +246,13 @@ uint8_t* encodePlane(const uint8_t* d, int32_t w, uint8_t* out)
             out += n;
             cur += n;
         }
-        if (run >= kMinRun) {
+        if (beg < w) {
+            int32_t run = 4;
+            while (beg + run < w && run < 127 && d[beg + run] == d[beg])
+                ++run;
             *out++ = uint8_t(128 + run);
             *out++ = d[beg];
-            cur += run;
+            cur = beg + run;
         }
     }
     return out;

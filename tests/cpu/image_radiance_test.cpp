@@ -156,6 +156,74 @@ TEST(Radiance, RunLengthPacketChoices)
     EXPECT_EQ(pixelData(encode(rowImage({ramp, ramp, ramp, ramp})), 1, 130), all130);
 }
 
+// The packet rules as plainly stated, one candidate run at a time: the oracle
+// for the writer's faster search on arbitrary rows.
+std::vector<uint8_t> referencePlane(const std::vector<uint8_t>& d)
+{
+    const int w = int(d.size());
+    std::vector<uint8_t> out;
+    int i = 0;
+    while (i < w) {
+        int j = i, length = 0, previousShort = 0;
+        bool found = false;
+        while (j < w) {
+            length = 1;
+            while (j + length < w && length < 127 && d[j + length] == d[j])
+                ++length;
+            if (length >= 4) {
+                found = true;
+                break;
+            }
+            previousShort = length;
+            j += length;
+        }
+        if (previousShort > 0 && j - i == previousShort) {
+            out.push_back(uint8_t(128 + previousShort));
+            out.push_back(d[i]);
+        } else {
+            for (int k = i; k < j; k += 128) {
+                const int n = std::min(128, j - k);
+                out.push_back(uint8_t(n));
+                out.insert(out.end(), d.begin() + k, d.begin() + k + n);
+            }
+        }
+        i = j;
+        if (found) {
+            out.push_back(uint8_t(128 + length));
+            out.push_back(d[j]);
+            i = j + length;
+        }
+    }
+    return out;
+}
+
+TEST(Radiance, WriterMatchesThePacketRulesOnRandomRows)
+{
+    // Rows built from runs whose lengths are drawn around the interesting
+    // limits (1 to 5, 126 to 130) with a small alphabet so that neighbouring
+    // runs sometimes merge.
+    std::mt19937 rng(424242);
+    for (int trial = 0; trial < 300; ++trial) {
+        const int w = 8 + int(rng() % 700);
+        std::vector<std::vector<uint8_t>> planes(4);
+        for (auto& plane : planes) {
+            const int alphabet = 2 + int(rng() % 6);
+            while (int(plane.size()) < w) {
+                const int pick = int(rng() % 10);
+                const int length = pick < 7 ? 1 + pick % 5 : 126 + int(rng() % 5);
+                plane.insert(plane.end(), size_t(length), uint8_t(rng() % alphabet));
+            }
+            plane.resize(size_t(w));
+        }
+        std::vector<uint8_t> expected = {2, 2, uint8_t(w >> 8), uint8_t(w & 0xFF)};
+        for (const auto& plane : planes) {
+            const std::vector<uint8_t> packets = referencePlane(plane);
+            expected.insert(expected.end(), packets.begin(), packets.end());
+        }
+        ASSERT_EQ(pixelData(encode(rowImage(planes)), 1, w), expected) << "trial " << trial << ", width " << w;
+    }
+}
+
 TEST(Radiance, ExponentStatisticsKeepTheirQuirks)
 {
     // v = E - 128: -8 raises M, 2 raises M, -3 does not and becomes m. The
