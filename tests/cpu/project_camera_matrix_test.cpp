@@ -57,20 +57,6 @@ TEST(CameraMatrix, IdentityAndQuarterTurn)
         EXPECT_NEAR(yaw90[i], expect[i], 1e-6f) << i;
 }
 
-TEST(CameraMatrix, ElementaryMatricesAsStored)
-{
-    const float t = 0.3f, c = std::cos(t), s = std::sin(t);
-    EXPECT_EQ(Xm(t), (Mat3{1, 0, 0, 0, c, -s, 0, s, c}));
-    EXPECT_EQ(Ym(t), (Mat3{c, 0, -s, 0, 1, 0, s, 0, c}));
-    EXPECT_EQ(Zm(t), (Mat3{c, -s, 0, s, c, 0, 0, 0, 1}));
-    // Column-major product: element (r, k) of P Q at 3k + r.
-    const Mat3 p = {1, 2, 3, 4, 5, 6, 7, 8, 9}, q = {1, 0, 2, 0, 1, 0, 3, 0, 1};
-    // Row 0 of p is (1, 4, 7); column 0 of q is (1, 0, 2): 1 + 14 = 15.
-    EXPECT_FLOAT_EQ((p * q)[0], 15);
-    // Row 1 of p (2, 5, 8) with column 2 of q (3, 0, 1): 6 + 8 = 14, at index 7.
-    EXPECT_FLOAT_EQ((p * q)[7], 14);
-}
-
 TEST(CameraMatrix, WorldToCameraOfTheWorkedExamples)
 {
     // Zm(-roll) Xm(-pitch) Ym(-yaw) times D must give C of the lens
