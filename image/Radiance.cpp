@@ -24,8 +24,10 @@ namespace {
 constexpr size_t kMaxHeaderLine = 64 * 1024;
 
 constexpr size_t kReadBufferSize = 1 << 20;
-// A scanline is decoded only when at least this much more than 4 bytes a
-// pixel is buffered (or the file has nothing more to give).
+// Before each scanline the buffer is topped up when less than 4 bytes a pixel
+// plus this much is left in it, which holds any sensibly encoded scanline.
+// The decoder still checks every packet against the end of the buffered
+// data, so a hostile scanline fails instead of reading past it.
 constexpr size_t kRefillSlack = 1040;
 
 bool readLine(std::istream& in, std::string& line)
