@@ -1,5 +1,6 @@
 #pragma once
 // Equirectangular stitching of a capture project on the GPU.
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -12,6 +13,27 @@
 // slot count. Source files are found relative to the directory of
 // `projectPath`. The entries' yaw values are made relative to entry 1 in place.
 // With `useOrientation`, a trailing orientation entry turns the panorama to its
-// heading and levels it. Needs a current GL context; failures are exceptions.
+// heading and levels it. HDR results are normalised to a mean exponent of -2.
+// Needs a current GL context; failures are exceptions.
 void stitchEquirect(uint8_t* pixels, int outWidth, int outHeight, const std::string& projectPath,
                     Project& project, bool hdr, bool useOrientation);
+
+// The capture layout, decided by the number of project entries (the
+// orientation entry counts): up to 7 entries are one ring of fisheye images
+// around entry 0 (5 slots of 72 degrees), more are two rings of 6 slots of 60
+// degrees.
+struct StitchLayout {
+    int slotCount;
+    float slotAngle;  // degrees
+    bool fisheye;
+};
+StitchLayout stitchLayout(size_t entryCount);
+
+// Adds delta (mod 256) to every non-zero exponent byte of an RGBE buffer so
+// that the truncated mean exponent becomes -2; returns false and changes
+// nothing when every pixel is black. Prints "mean e: <mean>" on standard error.
+bool normalizeExposure(uint8_t* rgbe, size_t pixelCount);
+
+// Bytes by which every row is turned left so that the given heading (degrees)
+// lies at the centre column: always in [0, rowBytes).
+size_t headingShiftBytes(const StitchLayout& layout, float heading, int outWidth, int bytesPerPixel);

@@ -1,0 +1,349 @@
+#include "passes/Stitch.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "image/ImageLoader.h"
+#include "libglutil/Framebuffer.h"
+#include "libglutil/GLError.h"
+#include "libglutil/Shader.h"
+#include "libglutil/Stage.h"
+#include "libglutil/Texture.h"
+#include "project/CameraUniforms.h"
+
+namespace {
+
+using ColorMatrix = std::array<float, 9>;
+
+// Camera-to-display colour matrices of the HDR capture cameras, keyed by the
+// width of their frames; column-major, each row sums to 1.
+std::map<int, ColorMatrix> colorMatrixTable()
+{
+    return {
+        {3666, {1.912549f, -0.224853f, 0.009865f, -1.058655f, 1.646546f, -0.509324f, 0.146106f,
+                -0.421693f, 1.499459f}},
+        {3753, {2.06819f, -0.038154f, 0.035687f, -1.320341f, 1.365463f, -0.378776f, 0.25215f,
+                -0.327309f, 1.343089f}},
+        {3868, {1.964399f, -0.241156f, 0.013887f, -1.11971f, 1.673722f, -0.54982f, 0.155311f,
+                -0.432566f, 1.535933f}},
+        {4500, {2.048413f, -0.221627f, -0.007711f, -1.27161f, 1.776905f, -0.592619f, 0.223197f,
+                -0.555277f, 1.60033f}},
+        {5856, {1.91757f, -0.174955f, 0.03749f, -1.069136f, 1.687861f, -0.562878f, 0.151566f,
+                -0.512906f, 1.525388f}},
+    };
+}
+
+// Mask resolution for the whole 360 degrees; the weights it holds are smooth.
+constexpr int kMaskWidth = 2400;
+constexpr int kMaskHeight = 1200;
+
+class EquirectStitcher {
+public:
+    EquirectStitcher(uint8_t* pixels, int outWidth, int outHeight, const std::string& projectPath,
+                     Project& project, bool hdr, bool useOrientation)
+        : pixels_(pixels), outWidth_(outWidth), outHeight_(outHeight), projectPath_(projectPath),
+          images_(project.images), hdr_(hdr), useOrientation_(useOrientation),
+          layout_(stitchLayout(project.images.size()))
+    {
+    }
+
+    void run();
+
+private:
+    Texture loadSharpened(const Shader& sharpenProgram, const std::string& path);
+    Texture loadEntry(size_t index) { return loadSharpened(*sharpen_, sourcePath(index)); }
+    std::string sourcePath(size_t index) const;
+    void drawImage(int strip, size_t entryIndex, bool openSouthFlag, const Texture& texture);
+    void readBackStrip(int strip);
+    void turnToHeading();
+
+    uint8_t* pixels_;
+    int outWidth_, outHeight_;
+    std::string projectPath_;
+    std::vector<ImageEntry>& images_;
+    bool hdr_, useOrientation_;
+    StitchLayout layout_;
+
+    float heading_ = 0;
+    std::pair<float, float> correction_{0.0f, 0.0f};
+    int stripWidth_ = 0;
+
+    Texture stripTarget_, maskTarget_, byteStrip_;
+    std::unique_ptr<Shader> draw_, mask_, sharpen_, pack_;
+};
+
+void checkSizes(const StitchLayout& layout, const std::vector<ImageEntry>& images, int outWidth,
+                int outHeight)
+{
+    // Entry 0 and every ring image must be there; the orientation entry may follow.
+    const size_t needed = layout.fisheye ? 1 + layout.slotCount : 1 + 2 * layout.slotCount;
+    if (images.size() < needed) {
+        char message[160];
+        std::snprintf(message, sizeof message,
+                      "project has %zu entries, but a capture of %d slots needs %zu source images",
+                      images.size(), layout.slotCount, needed);
+        throw std::runtime_error(message);
+    }
+    if (outWidth <= 0 || outHeight <= 0 || outWidth % layout.slotCount != 0) {
+        char message[160];
+        std::snprintf(message, sizeof message,
+                      "equirect size %dx%d does not divide into %d strips", outWidth, outHeight,
+                      layout.slotCount);
+        throw std::invalid_argument(message);
+    }
+}
+
+void EquirectStitcher::run()
+{
+    checkSizes(layout_, images_, outWidth_, outHeight_);
+    const int slots = layout_.slotCount;
+    stripWidth_ = outWidth_ / slots;
+
+    // All angles from here on are relative to the first image of ring one.
+    const float reference = images_[1].yaw;
+    for (ImageEntry& entry : images_)
+        entry.yaw -= reference;
+
+    const ImageEntry& last = images_.back();
+    if (isOrientation(last) && useOrientation_) {
+        heading_ = last.yaw;
+        correction_ = {last.pitch, last.roll};
+    }
+
+    stripTarget_ = Texture(stripWidth_, outHeight_, GL_RGB16F);
+    maskTarget_ = Texture(kMaskWidth / slots, kMaskHeight, GL_RGB8);
+    const char* fisheyeDefine = layout_.fisheye ? "#define FISHEYE\n" : "";
+    draw_ = std::make_unique<Shader>(
+        "fish", std::string("#define USE_MASK\n") + (hdr_ ? "" : "#define LDR\n") + fisheyeDefine);
+    mask_ = std::make_unique<Shader>("fish", std::string("#define RENDER_MASK\n") + fisheyeDefine);
+    sharpen_ = std::make_unique<Shader>("sharpen", hdr_ ? "" : "#define LDR\n");
+    // In an LDR job the packing program quantises the strip to bytes instead.
+    pack_ = std::make_unique<Shader>("rgb2rgbe", hdr_ ? "" : "#define LDR\n");
+
+    draw_->use();
+    draw_->setUniform("outFovX", layout_.slotAngle);
+    if (hdr_) {
+        std::map<int, ColorMatrix> colorMatrices = colorMatrixTable();
+        // An unknown camera gets an all-zero matrix, silently.
+        draw_->setMatrix3("colorMat", colorMatrices[images_[0].width].data());
+    }
+    mask_->use();
+    mask_->setUniform("outFovX", layout_.slotAngle);
+    if (!hdr_)
+        byteStrip_ = Texture(stripWidth_, outHeight_, GL_RGBA8);
+
+    glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
+    GL_CHECK();
+
+    Texture pole = loadEntry(0);
+    Texture leftNeighbour = loadEntry(slots);
+    Texture ringTwo;
+    if (!layout_.fisheye)
+        ringTwo = loadEntry(slots + 1);
+
+    for (int strip = 1; strip <= slots; ++strip) {
+        glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
+        bindAsRenderTarget(maskTarget_);
+        glViewport(0, 0, maskTarget_.width(), maskTarget_.height());
+        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+        GL_CHECK();
+
+        drawImage(strip, 0, false, pole);
+        drawImage(strip, strip == 1 ? slots : strip - 1, layout_.fisheye, leftNeighbour);
+        leftNeighbour.destroy();
+        leftNeighbour = loadEntry(strip);
+        drawImage(strip, strip, layout_.fisheye, leftNeighbour);
+
+        if (!layout_.fisheye) {
+            drawImage(strip, strip + slots, true, ringTwo);
+            ringTwo.destroy();
+            const size_t next = slots + 1 + (strip % slots);
+            ringTwo = loadEntry(next);
+            drawImage(strip, next, true, ringTwo);
+        }
+        readBackStrip(strip);
+    }
+
+    if (hdr_) {
+        normalizeExposure(pixels_, size_t(outWidth_) * size_t(outHeight_));
+        finishStage("normalize");
+    }
+    turnToHeading();
+    finishStage("orient");
+}
+
+std::string EquirectStitcher::sourcePath(size_t index) const
+{
+    const std::filesystem::path directory = std::filesystem::path(projectPath_).parent_path();
+    return (directory / images_[index].fileName).string();
+}
+
+Texture EquirectStitcher::loadSharpened(const Shader& sharpenProgram, const std::string& path)
+{
+    Texture loaded = loadImage(path);
+    finishStage("load (temp)");
+
+    Texture sharpened(loaded.width(), loaded.height(), GL_RGBA8);
+    sharpenProgram.use();
+    loaded.bind(GL_TEXTURE0);
+    bindAsRenderTarget(sharpened);
+    glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+    fullScreenPass(sharpened.width(), sharpened.height());
+    finishStage("sharpen");
+    loaded.destroy();
+    return sharpened;
+}
+
+void EquirectStitcher::drawImage(int strip, size_t entryIndex, bool openSouthFlag,
+                                 const Texture& texture)
+{
+    const float slotAngle = layout_.slotAngle;
+    float stripYaw = float(strip - 1) * slotAngle - 0.5f * slotAngle;
+    if (!layout_.fisheye)
+        stripYaw += 0.25f * slotAngle;
+    // Decided by entry 1's roll for every image on purpose: the whole ring
+    // shares one camera orientation.
+    const int openSouth = !openSouthFlag ? 0 : (std::fabs(images_[1].roll) >= 45.0f ? 2 : 1);
+    const ImageEntry& entry = images_[entryIndex];
+    const std::pair<float, float> stripOffset{stripYaw, 0.0f};
+
+    glEnable(GL_BLEND);
+
+    draw_->use();
+    draw_->setUniform("openSouth", openSouth);
+    setCameraUniforms(*draw_, entry, texture, stripTarget_, correction_, stripOffset);
+    texture.bind(GL_TEXTURE0);
+    maskTarget_.bind(GL_TEXTURE1);
+    bindAsRenderTarget(stripTarget_);
+    if (entryIndex == 0)
+        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+    fullScreenPass(stripTarget_.width(), stripTarget_.height());
+
+    // The mask program never samples unit 1, the texture it renders into.
+    mask_->use();
+    mask_->setUniform("openSouth", openSouth);
+    setCameraUniforms(*mask_, entry, texture, maskTarget_, correction_, stripOffset);
+    texture.bind(GL_TEXTURE0);
+    maskTarget_.bind(GL_TEXTURE1);
+    bindAsRenderTarget(maskTarget_);
+    if (entryIndex == 0)
+        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+    fullScreenPass(maskTarget_.width(), maskTarget_.height());
+
+    glDisable(GL_BLEND);
+    GL_CHECK();
+    finishStage("render");
+}
+
+void EquirectStitcher::readBackStrip(int strip)
+{
+    const int bytesPerPixel = hdr_ ? 4 : 3;
+    uint8_t* destination = pixels_ + size_t(strip - 1) * size_t(stripWidth_) * bytesPerPixel;
+
+    // Both kinds go through the packing program, so the bytes are made by the
+    // shader and do not depend on the driver's own float-to-byte conversion.
+    Texture rgbeStrip;
+    Texture* packed = &byteStrip_;
+    if (hdr_) {
+        rgbeStrip = Texture(stripWidth_, outHeight_, GL_RGBA8);
+        packed = &rgbeStrip;
+    }
+    pack_->use();
+    stripTarget_.bind(GL_TEXTURE0);
+    bindAsRenderTarget(*packed);
+    glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+    fullScreenPass(stripWidth_, outHeight_);
+    if (hdr_)
+        finishStage("render (rgb2rgbe)");
+
+    glPixelStorei(GL_PACK_ROW_LENGTH, outWidth_);
+    packed->readPixels(destination, hdr_ ? GL_RGBA : GL_RGB, stripWidth_, outHeight_);
+    glPixelStorei(GL_PACK_ROW_LENGTH, 0);
+    GL_CHECK();
+    finishStage("gpu -> cpu (render)");
+}
+
+void EquirectStitcher::turnToHeading()
+{
+    const int bytesPerPixel = hdr_ ? 4 : 3;
+    const size_t rowBytes = size_t(outWidth_) * bytesPerPixel;
+    const size_t shift = headingShiftBytes(layout_, heading_, outWidth_, bytesPerPixel);
+    if (shift == 0)
+        return;
+#pragma omp parallel for schedule(static)
+    for (int y = 0; y < outHeight_; ++y) {
+        uint8_t* row = pixels_ + size_t(y) * rowBytes;
+        std::rotate(row, row + shift, row + rowBytes);
+    }
+}
+
+}  // namespace
+
+StitchLayout stitchLayout(size_t entryCount)
+{
+    if (entryCount <= 7)
+        return {5, 72.0f, true};
+    return {6, 60.0f, false};
+}
+
+bool normalizeExposure(uint8_t* rgbe, size_t pixelCount)
+{
+    double sum = 0;
+    int64_t count = 0;
+    const int64_t n = int64_t(pixelCount);
+#pragma omp parallel for reduction(+ : sum, count) schedule(static)
+    for (int64_t i = 0; i < n; ++i) {
+        const int e = rgbe[4 * i + 3];
+        if (e != 0) {
+            sum += e - 128;
+            ++count;
+        }
+    }
+    // A black panorama has no mean exponent; there is nothing to scale.
+    if (count == 0)
+        return false;
+    const int mean = int(sum / double(count));
+    std::cerr << "mean e: " << mean << "\n";
+    const uint8_t delta = uint8_t(-2 - mean);
+#pragma omp parallel for schedule(static)
+    for (int64_t i = 0; i < n; ++i) {
+        uint8_t& e = rgbe[4 * i + 3];
+        if (e != 0)
+            e = uint8_t(e + delta);
+    }
+    return true;
+}
+
+size_t headingShiftBytes(const StitchLayout& layout, float heading, int outWidth, int bytesPerPixel)
+{
+    const double q = layout.fisheye ? 0.0 : 0.25 * layout.slotAngle;
+    double columns = (layout.slotAngle + 180.0 - q - heading) / 360.0 * outWidth;
+    if (!std::isfinite(columns))
+        columns = 0;
+    else if (std::fabs(columns) > 1e15)  // absurd headings: keep the conversion defined
+        columns = std::fmod(columns, double(outWidth));
+    const int64_t rowBytes = int64_t(outWidth) * bytesPerPixel;
+    int64_t shift = int64_t(columns) * bytesPerPixel;
+    if (shift < 0)
+        shift += rowBytes;
+    // Headings beyond a full turn wrap around instead of running off the row.
+    shift %= rowBytes;
+    if (shift < 0)
+        shift += rowBytes;
+    return size_t(shift);
+}
+
+void stitchEquirect(uint8_t* pixels, int outWidth, int outHeight, const std::string& projectPath,
+                    Project& project, bool hdr, bool useOrientation)
+{
+    EquirectStitcher(pixels, outWidth, outHeight, projectPath, project, hdr, useOrientation).run();
+}
