@@ -110,8 +110,13 @@ void main()
 // Directions outside the valid area, or with weight 0, are discarded.
 // ---------------------------------------------------------------------------
 
+#if __VERSION__ >= 130
+#define FLAT_IN flat in
+#else
+#define FLAT_IN varying
+#endif
+
 uniform mat3 cameraMat;
-uniform float fov;
 uniform float lens_a;
 uniform float lens_b;
 uniform float lens_c;
@@ -120,122 +125,74 @@ uniform float lens_e;
 uniform vec2 inSize;
 uniform vec2 outSize;
 uniform float outFovX;
-uniform int openSouth;
 #if !defined(RENDER_MASK)
 uniform vec3 vign;
-uniform float exposureOffset;
 #if !defined(LDR)
 uniform mat3 colorMat;
 #endif
 #endif
 
+// Per-draw values worked out by fish.vert.
+FLAT_IN vec4 lensInfo;     // focal length (px), R (px), k, radius of the valid circle (px)
+FLAT_IN vec4 reachInfo;    // rho*, latitude of the optical axis (deg), angular reach (deg), cos(reach)
+FLAT_IN vec4 shareInfo;    // ring image (1/0), axis longitude (deg), share start, share end (deg)
+FLAT_IN vec4 featherInfo;  // feather widths (px) of the left, right, top, bottom frame edges
+FLAT_IN vec4 southInfo;    // nadir in the image (x, y down), circle feather wide, narrow
+#if !defined(RENDER_MASK)
+FLAT_IN float exposureGain;
+#endif
+
 const float DEG_TO_RAD = 0.017453292;
 const float MASK_K = 0.7;
-const float FEATHER = 0.1;        // edge feather, fraction of the shorter side
-const float SOUTH_FEATHER = 0.02; // feather of the nadir-facing border (openSouth)
-const float RIM = 2.0;            // pixels over which the weight leaves 0
+const float RIM = 2.0;  // pixels over which the weight leaves 0
 const float WEIGHT_FLOOR = 0.03;
 const float MAX_HALF = 65504.0;
 
-// dP/drho of P(rho) = a rho^4 + b rho^3 + c rho^2 + k rho.
-float polySlope(float r, float k)
-{
-    return ((4.0 * lens_a * r + 3.0 * lens_b) * r + 2.0 * lens_c) * r + k;
-}
-
-float poly(float r, float k)
-{
-    return (((lens_a * r + lens_b) * r + lens_c) * r + k) * r;
-}
-
-// Smallest positive root of dP/drho, or a huge value when there is none in
-// reach. dP/drho starts at k > 0; between its turning points it is monotonic,
-// so the first sign change is bracketed and found by bisection.
-float rhoLimit(float k)
-{
-    const float FAR = 100.0;
-    float lo = 0.0;
-    float hi = -1.0;
-    // turning points of dP/drho: 12 a r^2 + 6 b r + 2 c = 0
-    float t1 = FAR;
-    float t2 = FAR;
-    if (abs(lens_a) > 1e-12) {
-        float disc = 36.0 * lens_b * lens_b - 96.0 * lens_a * lens_c;
-        if (disc >= 0.0) {
-            float s = sqrt(disc);
-            float u = (-6.0 * lens_b - s) / (24.0 * lens_a);
-            float v = (-6.0 * lens_b + s) / (24.0 * lens_a);
-            t1 = min(u, v);
-            t2 = max(u, v);
-        }
-    } else if (abs(lens_b) > 1e-12) {
-        t1 = -lens_c / (3.0 * lens_b);
-    }
-    if (t1 > 0.0 && t1 < FAR) {
-        if (polySlope(t1, k) <= 0.0) hi = t1; else lo = t1;
-    }
-    if (hi < 0.0 && t2 > 0.0 && t2 < FAR) {
-        if (polySlope(t2, k) <= 0.0) hi = t2; else lo = max(lo, t2);
-    }
-    if (hi < 0.0) {
-        if (polySlope(FAR, k) > 0.0) return 1e30;
-        hi = FAR;
-    }
-    for (int i = 0; i < 24; ++i) {
-        float mid = 0.5 * (lo + hi);
-        if (polySlope(mid, k) > 0.0) lo = mid; else hi = mid;
-    }
-    return lo;
-}
-
-float ramp(float d, float width)
-{
-    return smoothstep(0.0, width, d);
-}
-
 #if !defined(RENDER_MASK) && defined(LDR)
-// 8-bit sources: the sharpened texture holds plain sRGB bytes (its RGBA8
-// format would otherwise mark it as RGBE), so it is read directly.
-vec3 fetchRaw0(ivec2 p)
+// 8-bit sources: the sharpened texture holds plain sRGB bytes. Its RGBA8
+// format would mark it as RGBE for sampleImage0, so it is sampled here with
+// the linear filter the stitcher gives it (clamped to the edge, the same
+// bilinear with pixel centres at integers).
+vec3 sampleSrgb0(vec2 p)
 {
+#if __VERSION__ >= 130
 #if defined(USE_ARRAY_TEXTURE)
-    return texelFetch(texUnit0, ivec3(p, 0), 0).rgb;
+    return texture(texUnit0, vec3((p + vec2(0.5)) / inSize, 0.0)).rgb;
 #else
-    return texelFetch(texUnit0, p, 0).rgb;
+    return texture(texUnit0, (p + vec2(0.5)) / inSize).rgb;
+#endif
+#else
+    return _filtered(texUnit0, (p + vec2(0.5)) / inSize).rgb;
 #endif
 }
 
-vec3 sampleRaw0(vec2 p)
+// encode(decode(c) * gain) on the sRGB curve, gainRoot = gain^(1/2.4). Where
+// input and result both lie on the curve's power segment this is exactly
+// (c + 0.055) gainRoot - 0.055, and where both lie on its linear toe exactly
+// c * gain: one power per pixel instead of six. Across the knee (inputs
+// within a few levels of byte 10) the power form stays within half an
+// 8-bit level of the full evaluation.
+vec3 scaleSrgb(vec3 c, float gain, float gainRoot)
 {
-    vec2 base = floor(p);
-    vec2 t = p - base;
-    ivec2 lim = texSize0 - ivec2(1);
-    ivec2 p0 = clamp(ivec2(base), ivec2(0), lim);
-    ivec2 p1 = clamp(ivec2(base) + ivec2(1), ivec2(0), lim);
-    vec3 top = mix(fetchRaw0(p0), fetchRaw0(ivec2(p1.x, p0.y)), t.x);
-    vec3 bottom = mix(fetchRaw0(ivec2(p0.x, p1.y)), fetchRaw0(p1), t.x);
-    return mix(top, bottom, t.y);
+    vec3 power = (c + vec3(0.055)) * gainRoot - vec3(0.055);
+    vec3 toe = c * gain;
+    return mix(power, toe, vec3(lessThanEqual(max(c, toe), vec3(0.04045))));
 }
 #endif
 
 void main()
 {
-    float lonLocal = (_gl_TexCoord.x / outSize.x - 0.5) * outFovX;
     float lat = 90.0 - _gl_TexCoord.y / outSize.y * 180.0;
-
-    // The optical axis in the strip frame is the third row of cameraMat.
-    vec3 axis = vec3(cameraMat[0][2], cameraMat[1][2], cameraMat[2][2]);
+    // The angle to the optical axis is at least the difference in latitude.
+    if (abs(lat - reachInfo.y) > reachInfo.z)
+        discard;
+    float lonLocal = (_gl_TexCoord.x / outSize.x - 0.5) * outFovX;
     float share = 1.0;
-    if (abs(axis.y) < 0.8660254) {
-        float axisLon = atan(axis.x, axis.z) / DEG_TO_RAD;
-        float offset = abs(mod(lonLocal - axisLon + 180.0, 360.0) - 180.0);
-#if defined(FISHEYE)
-        float reach = 0.9 * outFovX;
-#else
-        float reach = 0.7 * outFovX;
-#endif
-        share = 1.0 - smoothstep(outFovX - reach, reach, offset);
-        if (share <= 0.0) discard;
+    if (shareInfo.x > 0.5) {
+        float offset = abs(mod(lonLocal - shareInfo.y + 180.0, 360.0) - 180.0);
+        share = 1.0 - smoothstep(shareInfo.z, shareInfo.w, offset);
+        if (share <= 0.0)
+            discard;
     }
 
     float lonR = lonLocal * DEG_TO_RAD;
@@ -243,57 +200,48 @@ void main()
     float cosLat = cos(latR);
     vec3 dir = vec3(cosLat * sin(lonR), sin(latR), cosLat * cos(lonR));
     vec3 cam = cameraMat * dir;
+    if (cam.z < reachInfo.w)
+        discard;
 
-    float w = inSize.x;
-    float h = inSize.y;
+    float focal = lensInfo.x;
+    float radius = lensInfo.y;
+    float k = lensInfo.z;
     float q = length(cam.xy);
 #if defined(FISHEYE)
-    float focal = w / (fov * DEG_TO_RAD);
     float ri = focal * atan(q, cam.z);
 #else
-    if (cam.z <= 0.0) discard;
-    float focal = 0.5 * w / tan(0.5 * fov * DEG_TO_RAD);
+    if (cam.z <= 0.0)
+        discard;
     float ri = focal * q / cam.z;
 #endif
-    float radius = 0.5 * min(w, h);
     float rho = ri / radius;
-    float k = 1.0 - lens_a - lens_b - lens_c;
-    float rhoMax = rhoLimit(k);
-    if (rho >= rhoMax) discard;
+    if (rho >= reachInfo.x)
+        discard;
     float rs = ri * (((lens_a * rho + lens_b) * rho + lens_c) * rho + k);
     float toImage = rs / max(q, 1e-30);
     vec2 centre = 0.5 * (inSize - vec2(1.0));
-    vec2 p = vec2(centre.x + lens_d + toImage * cam.x, centre.y + lens_e - toImage * cam.y);
+    vec2 fromAxis = vec2(toImage * cam.x, -toImage * cam.y);
+    vec2 p = centre + vec2(lens_d, lens_e) + fromAxis;
 
-    float dLeft = p.x + 0.5;
-    float dRight = w - 0.5 - p.x;
-    float dTop = p.y + 0.5;
-    float dBottom = h - 0.5 - p.y;
-    float dFrame = min(min(dLeft, dRight), min(dTop, dBottom));
-    if (dFrame < 0.0) discard;
-    float dCircle = rhoMax > 1e29 ? 1e30 : radius * poly(rhoMax, k) - rs;
+    vec4 border = vec4(p.x + 0.5, inSize.x - 0.5 - p.x, p.y + 0.5, inSize.y - 0.5 - p.y);
+    float dFrame = min(min(border.x, border.y), min(border.z, border.w));
+    if (dFrame < 0.0)
+        discard;
+    float dCircle = lensInfo.w - rs;
 
-    // Feather widths; the nadir-facing border gets the short one with openSouth.
-    float wide = FEATHER * min(w, h);
-    float narrow = SOUTH_FEATHER * min(w, h);
-    float fLeft = wide, fRight = wide, fTop = wide, fBottom = wide, fCircle = wide;
-    if (openSouth != 0) {
-        // The nadir seen in the image: cameraMat * (0, -1, 0), image y down.
-        vec2 nadir = vec2(-cameraMat[1].x, cameraMat[1].y);
-        if (openSouth == 1) {
-            if (nadir.y > 0.0) fBottom = narrow; else fTop = narrow;
-        } else {
-            if (nadir.x > 0.0) fRight = narrow; else fLeft = narrow;
-        }
-        vec2 fromAxis = p - centre - vec2(lens_d, lens_e);
-        float southness = dot(fromAxis, nadir) / max(length(fromAxis) * length(nadir), 1e-20);
-        fCircle = mix(wide, narrow, smoothstep(0.5, 0.8, southness));
-    }
-    float feather = ramp(dLeft, fLeft) * ramp(dRight, fRight) * ramp(dTop, fTop)
-                  * ramp(dBottom, fBottom) * ramp(dCircle, fCircle);
-    float rim = ramp(min(dFrame, dCircle), RIM);
+    // Feather: a smooth ramp over the distance to the nearest border, each
+    // border measured in its own feather width. Near the nadir-facing part of
+    // the circle the short feather applies too.
+    float southness = dot(fromAxis, southInfo.xy) / max(rs, 1e-20);
+    float circleFeather = mix(southInfo.z, southInfo.w, smoothstep(0.5, 0.8, southness));
+    vec4 relative = border / featherInfo;
+    float nearest = min(min(min(relative.x, relative.y), min(relative.z, relative.w)),
+                        dCircle / circleFeather);
+    float feather = smoothstep(0.0, 1.0, nearest);
+    float rim = smoothstep(0.0, RIM, min(dFrame, dCircle));
     float weight = share * rim * (WEIGHT_FLOOR + (1.0 - WEIGHT_FLOOR) * feather);
-    if (weight <= 0.0) discard;
+    if (weight <= 0.0)
+        discard;
 
 #if defined(RENDER_MASK)
     fragColor = vec4(1.0, 1.0, 1.0, 1.0 - exp(-MASK_K * weight));
@@ -308,12 +256,11 @@ void main()
 
     vec2 fromCentre = p - centre;
     float r2 = dot(fromCentre, fromCentre) / (0.25 * dot(inSize, inSize));
-    float vignette = 1.0 + r2 * (vign.x + r2 * (vign.y + r2 * vign.z));
-    float gain = exp2(exposureOffset) / max(vignette, 1e-3);
+    float vignette = max(1.0 + r2 * (vign.x + r2 * (vign.y + r2 * vign.z)), 1e-3);
+    float gain = exposureGain / vignette;
 #if defined(LDR)
-    vec3 colour = sampleRaw0(p);
-    if (gain != 1.0) colour = linearToSrgb(srgbToLinear(colour) * gain);
-    colour = clamp(colour, 0.0, 1.0);
+    float gainRoot = exposureGain == 1.0 && vignette == 1.0 ? 1.0 : exp2(log2(gain) / 2.4);
+    vec3 colour = clamp(scaleSrgb(sampleSrgb0(p), gain, gainRoot), 0.0, 1.0);
 #else
     vec3 colour = sampleImage0(p).rgb * gain;
     colour = clamp(colorMat * colour, 0.0, MAX_HALF);
