@@ -193,6 +193,14 @@ Texture EquirectStitcher::loadSharpened(const Shader& sharpenProgram, const std:
     finishStage("load (temp)");
 
     Texture sharpened(loaded.width(), loaded.height(), GL_RGBA8);
+    if (!hdr_) {
+        // 8-bit sources are resampled by the hardware bilinear filter; RGBE
+        // data must be decoded first and keeps nearest sampling.
+        glBindTexture(Texture::target(), sharpened.piece(0));
+        glTexParameteri(Texture::target(), GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+        glTexParameteri(Texture::target(), GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+        GL_CHECK();
+    }
     sharpenProgram.use();
     loaded.bind(GL_TEXTURE0);
     bindAsRenderTarget(sharpened);

@@ -70,12 +70,17 @@ void main()
 // frame [-0.5, w-0.5] x [-0.5, h-0.5] cut by the circle of radius R * P(rho*)
 // around the optical centre.
 //
+// Everything that depends only on the uniforms (focal length, rho*, how far
+// off the axis the image reaches, feather layout) is worked out once per
+// draw by fish.vert and arrives here as flat varyings.
+//
 // Photometry (not in the mask variant): the sample is divided by the
-// vignetting polynomial V = 1 + vb r^2 + vc r^4 + vd r^6, r measured from the
-// geometric image centre at the sample position and normalised by half the
-// diagonal, and multiplied by 2^exposureOffset. These gains act on linear
-// light: 8-bit (LDR) sources are sRGB-encoded, so they are decoded, scaled and
-// encoded again; HDR sources are linear and are then taken through colorMat.
+// vignetting polynomial V = 1 + vb r^2 + vc r^4 + vd r^6 (Va is taken as 1),
+// r measured from the geometric image centre at the sample position and
+// normalised by half the diagonal, and multiplied by 2^exposureOffset. These
+// gains act on linear light: 8-bit (LDR) sources are sRGB-encoded, so they
+// are decoded, scaled and encoded again; HDR sources are linear and are then
+// taken through colorMat.
 //
 // Blending. Every image has a smooth weight w >= 0 that is zero outside its
 // valid area; the strip receives the weighted mean sum(w_j c_j) / sum(w_j)
@@ -87,26 +92,34 @@ void main()
 // K = 0.7 keeps m below 0.9 for the largest sums that occur (about 2 to 3)
 // while resolving small sums to a few thousandths. The weights vary slowly, so
 // a bilinear read of the coarse mask is enough; its 8-bit steps only move the
-// share between images that agree, never the coverage.
+// share between images that agree, never the coverage. LDR strips blend the
+// sRGB-encoded values they are read back as.
 //
 // The weight is the product of
-//  - a longitude share for ring images (optical axis within 60 degrees of the
-//    horizon): 1 near the image's own longitude, falling smoothly to 0 at a
-//    reach of 0.9 slot (fisheye layout) or 0.7 slot (two-ring layout). Two ring
-//    neighbours one slot apart then share a longitude exactly (the two shares
-//    sum to 1). The reach keeps an image out of the strips that do not draw
-//    it: each strip draws only its two ring neighbours per ring, and at every
-//    strip border the images drawn on one side and not on the other already
-//    have weight 0, so strips join without a seam. Zenith and nadir images
-//    (entry 0) have no longitude share.
-//  - an edge feather: smoothstep over 10 % of the shorter image side from each
-//    frame edge and from the circle of rho*, times a 2-pixel rim, with a small
-//    floor in between so that shares stay well conditioned where only image
-//    borders overlap. With openSouth the border facing the nadir (1: a top or
-//    bottom edge, 2: a left or right edge, as for frames rolled by about 90
-//    degrees; which one of the pair follows from cameraMat) gets only a short
-//    feather: the lowest ring has no image below it and keeps its full share
-//    down to its valid limit.
+//  - a hand-over across the strip for ring images (optical axis within 60
+//    degrees of the horizon): a strip draws, per ring, the image on its left
+//    and the one on its right, and each of these is drawn in the neighbouring
+//    strip on its side too. The left image's weight falls smoothly from 1 at
+//    the strip's left edge to 0 at its right edge, the right image's the other
+//    way round, so the two sum to 1 and at every strip border only the images
+//    drawn on both sides carry weight, with the same values: strips join
+//    without a seam. Inside the strip both weights are positive, so a
+//    direction that only one of them sees (near the poles) is still filled.
+//    Zenith and nadir images (entry 0) are drawn into every strip and take
+//    no such factor.
+//  - an edge feather: a smoothstep over the distance to the nearest border of
+//    the valid area (frame edges and the circle of rho*), 10 % of the shorter
+//    image side wide, times a 2-pixel rim, with a small floor in between so
+//    that shares stay well conditioned where only image borders overlap. With
+//    openSouth the border facing the nadir (1: a top or bottom edge, 2: a left
+//    or right edge, as for frames rolled by about 90 degrees; which one of the
+//    pair follows from cameraMat), and the part of the circle facing it, get
+//    only a short feather: the lowest ring has no image below it and keeps
+//    its full share down to its valid limit.
+//  - for 8-bit sources, a clip factor: samples whose brightest channel is at
+//    the top of the range weigh 1/50, so that an image with burnt-out
+//    highlights gives way to one that still sees the scene there (images of
+//    an auto-exposed series differ by an EV or more).
 // Directions outside the valid area, or with weight 0, are discarded.
 // ---------------------------------------------------------------------------
 
@@ -135,7 +148,7 @@ uniform mat3 colorMat;
 // Per-draw values worked out by fish.vert.
 FLAT_IN vec4 lensInfo;     // focal length (px), R (px), k, radius of the valid circle (px)
 FLAT_IN vec4 reachInfo;    // rho*, latitude of the optical axis (deg), angular reach (deg), cos(reach)
-FLAT_IN vec4 shareInfo;    // ring image (1/0), axis longitude (deg), share start, share end (deg)
+FLAT_IN vec4 shareInfo;    // ring image (1/0), side of the strip (-1 left, 1 right), unused
 FLAT_IN vec4 featherInfo;  // feather widths (px) of the left, right, top, bottom frame edges
 FLAT_IN vec4 southInfo;    // nadir in the image (x, y down), circle feather wide, narrow
 #if !defined(RENDER_MASK)
@@ -147,25 +160,34 @@ const float MASK_K = 0.7;
 const float RIM = 2.0;  // pixels over which the weight leaves 0
 const float WEIGHT_FLOOR = 0.03;
 const float MAX_HALF = 65504.0;
+const float CLIP_FLOOR = 0.02;
 
-#if !defined(RENDER_MASK) && defined(LDR)
-// 8-bit sources: the sharpened texture holds plain sRGB bytes. Its RGBA8
-// format would mark it as RGBE for sampleImage0, so it is sampled here with
-// the linear filter the stitcher gives it (clamped to the edge, the same
-// bilinear with pixel centres at integers).
-vec3 sampleSrgb0(vec2 p)
+// The unit-0 texel under the linear filter (the stitcher gives 8-bit
+// sharpened sources the linear filter; RGBE sources keep nearest sampling),
+// at pixel position p with pixel centres at integers, clamped to the edge.
+vec4 sampleFiltered0(vec2 p)
 {
 #if __VERSION__ >= 130
 #if defined(USE_ARRAY_TEXTURE)
-    return texture(texUnit0, vec3((p + vec2(0.5)) / inSize, 0.0)).rgb;
+    return texture(texUnit0, vec3((p + vec2(0.5)) / inSize, 0.0));
 #else
-    return texture(texUnit0, (p + vec2(0.5)) / inSize).rgb;
+    return texture(texUnit0, (p + vec2(0.5)) / inSize);
 #endif
 #else
-    return _filtered(texUnit0, (p + vec2(0.5)) / inSize).rgb;
+    return _filtered(texUnit0, (p + vec2(0.5)) / inSize);
 #endif
 }
 
+// Weight factor of a clipped 8-bit sample: an image whose highlights ran
+// into 255 (an auto-exposed series differs by an EV or more between images)
+// gives way to images that still see the true value there. Images that agree
+// are scaled alike, so their shares do not change.
+float clipFactor(vec3 srgb)
+{
+    return 1.0 - (1.0 - CLIP_FLOOR) * smoothstep(0.95, 0.99, max(max(srgb.r, srgb.g), srgb.b));
+}
+
+#if !defined(RENDER_MASK) && defined(LDR)
 // encode(decode(c) * gain) on the sRGB curve, gainRoot = gain^(1/2.4). Where
 // input and result both lie on the curve's power segment this is exactly
 // (c + 0.055) gainRoot - 0.055, and where both lie on its linear toe exactly
@@ -189,10 +211,8 @@ void main()
     float lonLocal = (_gl_TexCoord.x / outSize.x - 0.5) * outFovX;
     float share = 1.0;
     if (shareInfo.x > 0.5) {
-        float offset = abs(mod(lonLocal - shareInfo.y + 180.0, 360.0) - 180.0);
-        share = 1.0 - smoothstep(shareInfo.z, shareInfo.w, offset);
-        if (share <= 0.0)
-            discard;
+        float across = _gl_TexCoord.x / outSize.x;
+        share = smoothstep(0.0, 1.0, shareInfo.y > 0.0 ? across : 1.0 - across);
     }
 
     float lonR = lonLocal * DEG_TO_RAD;
@@ -244,26 +264,34 @@ void main()
         discard;
 
 #if defined(RENDER_MASK)
+    // The mask program is not told the job's kind: 8-bit sources are the ones
+    // whose sharpened texels carry alpha 1 (an RGBE texel's alpha is its
+    // exponent byte, never 255 for real images).
+    vec4 texel = sampleFiltered0(p);
+    if (texel.a > 0.998)
+        weight *= clipFactor(texel.rgb);
     fragColor = vec4(1.0, 1.0, 1.0, 1.0 - exp(-MASK_K * weight));
 #else
+    vec2 fromCentre = p - centre;
+    float r2 = dot(fromCentre, fromCentre) / (0.25 * dot(inSize, inSize));
+    float vignette = max(1.0 + r2 * (vign.x + r2 * (vign.y + r2 * vign.z)), 1e-3);
+    float gain = exposureGain / vignette;
+#if defined(LDR)
+    vec3 source = sampleFiltered0(p).rgb;
+    weight *= clipFactor(source);
+    float gainRoot = exposureGain == 1.0 && vignette == 1.0 ? 1.0 : exp2(log2(gain) / 2.4);
+    vec3 colour = clamp(scaleSrgb(source, gain, gainRoot), 0.0, 1.0);
+#else
+    vec3 colour = sampleImage0(p).rgb * gain;
+    colour = clamp(colorMat * colour, 0.0, MAX_HALF);
+#endif
+
     float alpha = 1.0;
 #if defined(USE_MASK)
     vec2 maskPos = _gl_TexCoord / outSize * vec2(texSize1) - vec2(0.5);
     float m = min(sampleImage1(maskPos).r, 0.998);
     float before = -log(1.0 - m) / MASK_K;
     alpha = weight / (before + weight);
-#endif
-
-    vec2 fromCentre = p - centre;
-    float r2 = dot(fromCentre, fromCentre) / (0.25 * dot(inSize, inSize));
-    float vignette = max(1.0 + r2 * (vign.x + r2 * (vign.y + r2 * vign.z)), 1e-3);
-    float gain = exposureGain / vignette;
-#if defined(LDR)
-    float gainRoot = exposureGain == 1.0 && vignette == 1.0 ? 1.0 : exp2(log2(gain) / 2.4);
-    vec3 colour = clamp(scaleSrgb(sampleSrgb0(p), gain, gainRoot), 0.0, 1.0);
-#else
-    vec3 colour = sampleImage0(p).rgb * gain;
-    colour = clamp(colorMat * colour, 0.0, MAX_HALF);
 #endif
     fragColor = vec4(colour, alpha);
 #endif

@@ -28,7 +28,6 @@ uniform float lens_c;
 uniform float lens_d;
 uniform float lens_e;
 uniform vec2 inSize;
-uniform float outFovX;
 uniform int openSouth;
 #if !defined(RENDER_MASK)
 uniform float exposureOffset;
@@ -36,7 +35,7 @@ uniform float exposureOffset;
 
 FLAT_OUT vec4 lensInfo;     // focal length (px), R (px), k, radius of the valid circle (px)
 FLAT_OUT vec4 reachInfo;    // rho*, latitude of the optical axis (deg), angular reach (deg), cos(reach)
-FLAT_OUT vec4 shareInfo;    // ring image (1/0), axis longitude (deg), share start, share end (deg)
+FLAT_OUT vec4 shareInfo;    // ring image (1/0), side of the strip (-1 left, 1 right), unused
 FLAT_OUT vec4 featherInfo;  // feather widths (px) of the left, right, top, bottom frame edges
 FLAT_OUT vec4 southInfo;    // nadir in the image (x, y down), circle feather wide, narrow
 #if !defined(RENDER_MASK)
@@ -157,16 +156,12 @@ void computeLensInfo()
     float axisLat = asin(clamp(axis.y, -1.0, 1.0)) / DEG_TO_RAD;
     reachInfo = vec4(rhoMax, axisLat, reach / DEG_TO_RAD, cos(reach));
 
-    // Ring images (axis within 60 degrees of the horizon) share longitudes
-    // with their neighbours; see fish.frag.
+    // Ring images (axis within 60 degrees of the horizon) hand over to their
+    // ring neighbour across the strip; which side of the strip the image
+    // belongs to follows from its axis (see fish.frag).
     float ring = abs(axis.y) < 0.8660254 ? 1.0 : 0.0;
-    float axisLon = ring > 0.5 ? atan(axis.x, axis.z) / DEG_TO_RAD : 0.0;
-#if defined(FISHEYE)
-    float shareEnd = 0.9 * outFovX;
-#else
-    float shareEnd = 0.7 * outFovX;
-#endif
-    shareInfo = vec4(ring, axisLon, outFovX - shareEnd, shareEnd);
+    float axisLon = atan(axis.x, axis.z) / DEG_TO_RAD;
+    shareInfo = vec4(ring, axisLon < 0.0 ? -1.0 : 1.0, 0.0, 0.0);
 
     float wide = FEATHER * min(w, h);
     float narrow = SOUTH_FEATHER * min(w, h);
