@@ -270,7 +270,10 @@ Capture planCapture(const CaptureOptions& o)
                 yaw = 60.0 * (i - 1);
                 pitch = ringPitch;
             } else {
-                yaw = 60.0 * (i - 7) + 30;
+                // Ring two sits half a slot left of ring one: the stitcher's
+                // strip i (relative longitudes (i-1)*60 - 45 .. + 15) draws
+                // ring-two entries i + 6 and i + 7, which must bracket it.
+                yaw = 60.0 * (i - 7) - 30;
                 pitch = -ringPitch;
             }
         }
