@@ -127,10 +127,13 @@ vec4 encodeRGBE(vec3 c)
     if (v < 1e-32)
         return vec4(0.0);
     float e = floor(log2(v)) + 1.0;
-    // log2 may be off by one ulp at powers of two: settle e exactly.
-    if (v * _pow2(-e) >= 1.0)
+    // log2 may be off by one ulp at powers of two: settle e exactly. The
+    // comparisons are against 2^e itself (exact, and within the float range
+    // for e up to 127), not against v scaled by 2^-e, which leaves the
+    // range for v >= 2^126.
+    if (e < 128.0 && v >= _pow2(e))
         e += 1.0;
-    else if (v * _pow2(-e) < 0.5)
+    else if (v < _pow2(e - 1.0))
         e -= 1.0;
     vec3 scaled = c * _pow2(8.0 - e);
     vec3 mantissa = sign(scaled) * floor(abs(scaled));
