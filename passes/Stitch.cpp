@@ -61,6 +61,10 @@ public:
 private:
     Texture loadSharpened(const Shader& sharpenProgram, const std::string& path);
     Texture loadEntry(size_t index) { return loadSharpened(*sharpen_, sourcePath(index)); }
+    // Done with a sharpened source: its storage serves the next one of the
+    // same size (allocating a 24-megapixel texture costs as much as
+    // sharpening it).
+    void release(Texture& texture) { spare_ = std::move(texture); }
     std::string sourcePath(size_t index) const;
     void drawImage(int strip, size_t entryIndex, bool openSouthFlag, const Texture& texture);
     void readBackStrip(int strip);
@@ -78,6 +82,7 @@ private:
     int stripWidth_ = 0;
 
     Texture stripTarget_, maskTarget_, byteStrip_;
+    Texture spare_;
     std::unique_ptr<Shader> draw_, mask_, sharpen_, pack_;
 };
 
@@ -159,7 +164,7 @@ void EquirectStitcher::run()
 
         drawImage(strip, 0, false, pole);
         drawImage(strip, strip == 1 ? slots : strip - 1, layout_.fisheye, leftNeighbour);
-        leftNeighbour.destroy();
+        release(leftNeighbour);
         leftNeighbour = loadEntry(strip);
         drawImage(strip, strip, layout_.fisheye, leftNeighbour);
 
@@ -192,7 +197,12 @@ Texture EquirectStitcher::loadSharpened(const Shader& sharpenProgram, const std:
     Texture loaded = loadImage(path);
     finishStage("load (temp)");
 
-    Texture sharpened(loaded.width(), loaded.height(), GL_RGBA8);
+    Texture sharpened;
+    if (spare_.width() == loaded.width() && spare_.height() == loaded.height())
+        sharpened = std::move(spare_);
+    else
+        sharpened = Texture(loaded.width(), loaded.height(), GL_RGBA8);
+    spare_.destroy();
     if (!hdr_) {
         // 8-bit sources are resampled by the hardware bilinear filter; RGBE
         // data must be decoded first and keeps nearest sampling.

@@ -167,16 +167,36 @@ const float CLIP_FLOOR = 0.02;
 // at pixel position p with pixel centres at integers, clamped to the edge.
 vec4 sampleFiltered0(vec2 p)
 {
+    vec2 uv = (p + vec2(0.5)) / inSize;
 #if __VERSION__ >= 130
+    // One level: an explicit level spares the implicit derivatives.
 #if defined(USE_ARRAY_TEXTURE)
-    return texture(texUnit0, vec3((p + vec2(0.5)) / inSize, 0.0));
+    return textureLod(texUnit0, vec3(uv, 0.0), 0.0);
 #else
-    return texture(texUnit0, (p + vec2(0.5)) / inSize);
+    return textureLod(texUnit0, uv, 0.0);
 #endif
 #else
-    return _filtered(texUnit0, (p + vec2(0.5)) / inSize);
+    return _filtered(texUnit0, uv);
 #endif
 }
+
+#if defined(USE_MASK)
+// The coverage mask (unit 1, RGB8, linear filter), bilinear at the position of
+// this strip fragment.
+float sampleMask()
+{
+    vec2 uv = _gl_TexCoord / outSize;
+#if __VERSION__ >= 130
+#if defined(USE_ARRAY_TEXTURE)
+    return textureLod(texUnit1, vec3(uv, 0.0), 0.0).r;
+#else
+    return textureLod(texUnit1, uv, 0.0).r;
+#endif
+#else
+    return _filtered(texUnit1, uv).r;
+#endif
+}
+#endif
 
 // Weight factor of a clipped 8-bit sample: an image whose highlights ran
 // into 255 (an auto-exposed series differs by an EV or more between images)
@@ -202,6 +222,22 @@ vec3 scaleSrgb(vec3 c, float gain, float gainRoot)
 }
 #endif
 
+// Sine and cosine of an angle in [-pi, pi] (radians), folded into
+// [0, pi/2] and evaluated by their Taylor series to the 11th and 12th power:
+// the error stays below the float rounding there (6e-8), and the strips never
+// need the general range reduction of the built-in functions.
+vec2 sinCos(float x)
+{
+    float a = abs(x);
+    float folded = min(a, 3.14159265 - a);
+    float t = folded * folded;
+    float s = folded * (1.0 + t * (-1.0 / 6.0 + t * (1.0 / 120.0 + t * (-1.0 / 5040.0 +
+              t * (1.0 / 362880.0 + t * (-1.0 / 39916800.0))))));
+    float c = 1.0 + t * (-0.5 + t * (1.0 / 24.0 + t * (-1.0 / 720.0 + t * (1.0 / 40320.0 +
+              t * (-1.0 / 3628800.0 + t * (1.0 / 479001600.0))))));
+    return vec2(x < 0.0 ? -s : s, a > 1.57079633 ? -c : c);
+}
+
 void main()
 {
     float lat = 90.0 - _gl_TexCoord.y / outSize.y * 180.0;
@@ -217,8 +253,9 @@ void main()
 
     float lonR = lonLocal * DEG_TO_RAD;
     float latR = lat * DEG_TO_RAD;
-    float cosLat = cos(latR);
-    vec3 dir = vec3(cosLat * sin(lonR), sin(latR), cosLat * cos(lonR));
+    vec2 lonSC = sinCos(lonR);
+    vec2 latSC = sinCos(latR);
+    vec3 dir = vec3(latSC.y * lonSC.x, latSC.x, latSC.y * lonSC.y);
     vec3 cam = cameraMat * dir;
     if (cam.z < reachInfo.w)
         discard;
@@ -288,8 +325,7 @@ void main()
 
     float alpha = 1.0;
 #if defined(USE_MASK)
-    vec2 maskPos = _gl_TexCoord / outSize * vec2(texSize1) - vec2(0.5);
-    float m = min(sampleImage1(maskPos).r, 0.998);
+    float m = min(sampleMask(), 0.998);
     float before = -log(1.0 - m) / MASK_K;
     alpha = weight / (before + weight);
 #endif
