@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "glutil_helpers.h"
 #include "image/Rgbe.h"
 #include "libglutil/Framebuffer.h"
 #include "libglutil/GLError.h"
@@ -106,26 +107,30 @@ TEST(StitchRules, GpuRgbeMatchesTheCpuEncoder)
     // A float texture (Texture uploads only bytes): bound by hand with the
     // per-unit uniforms the packing program reads.
     Shader pack("rgb2rgbe", "");
+    const GLenum target = Texture::target();
     GLuint source = 0;
     glGenTextures(1, &source);
     glActiveTexture(GL_TEXTURE0);
-    glBindTexture(GL_TEXTURE_2D, source);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    glBindTexture(target, source);
+    glTexParameteri(target, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+    glTexParameteri(target, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
     glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGB32F, w, h, 0, GL_RGB, GL_FLOAT, rgb.data());
-    Texture target(w, h, GL_RGBA8);
+    if (target == GL_TEXTURE_2D_ARRAY)
+        glTexImage3D(target, 0, GL_RGB32F, w, h, 1, 0, GL_RGB, GL_FLOAT, rgb.data());
+    else
+        glTexImage2D(target, 0, GL_RGB32F, w, h, 0, GL_RGB, GL_FLOAT, rgb.data());
+    Texture bytes(w, h, GL_RGBA8);
     pack.use();
     glUniform2i(glGetUniformLocation(pack.program(), "texSize0"), w, h);
     glUniform1i(glGetUniformLocation(pack.program(), "texIsRGBE0"), 0);
     glUniform1i(glGetUniformLocation(pack.program(), "texIsHDR0"), 1);
     glActiveTexture(GL_TEXTURE0);
-    glBindTexture(GL_TEXTURE_2D, source);
-    bindAsRenderTarget(target);
+    glBindTexture(target, source);
+    bindAsRenderTarget(bytes);
     glClear(GL_COLOR_BUFFER_BIT);
     fullScreenPass(w, h);
     std::vector<uint8_t> out(size_t(w) * h * 4);
-    target.readPixels(out.data(), GL_RGBA);
+    bytes.readPixels(out.data(), GL_RGBA);
     glDeleteTextures(1, &source);
     EXPECT_EQ(glErrorReport(__FILE__, __LINE__), "");
 
@@ -154,5 +159,23 @@ TEST(StitchRules, IncompleteProjectIsAnError)
         FAIL() << "no exception";
     } catch (const std::runtime_error& e) {
         EXPECT_STREQ(e.what(), "project has 4 entries, but a capture of 5 slots needs 6 source images");
+    }
+}
+
+// The same under a 3.3 core context and under array textures (fixed per
+// process, so each runs in a child): shaders, samplers and the whole stitch.
+TEST(StitchRules, CoreProfileAndArrayModeChildren)
+{
+    if (isTestChild())
+        GTEST_SKIP() << "already a child";
+    const std::string filter = "StitchLens.*:StitchRules.*:StitchCapture.FisheyeLdr";
+    {
+        const ChildResult r = runTestChild(selfExecutable(), filter, {{"USE_GL_CORE", ""}});
+        EXPECT_EQ(r.status, 0) << r.output;
+        EXPECT_NE(r.output.find("Core Profile"), std::string::npos) << r.output;
+    }
+    {
+        const ChildResult r = runTestChild(selfExecutable(), filter, {{"USE_ARRAY_TEXTURE", "1"}});
+        EXPECT_EQ(r.status, 0) << r.output;
     }
 }
