@@ -45,6 +45,8 @@ std::map<int, ColorMatrix> colorMatrixTable()
 // Mask resolution for the whole 360 degrees; the weights it holds are smooth.
 constexpr int kMaskWidth = 2400;
 constexpr int kMaskHeight = 1200;
+// Rows of the LDR strip packed and read back at a time.
+constexpr int kByteBandRows = 512;
 
 class EquirectStitcher {
 public:
@@ -81,7 +83,7 @@ private:
     std::pair<float, float> correction_{0.0f, 0.0f};
     int stripWidth_ = 0;
 
-    Texture stripTarget_, maskTarget_, byteStrip_;
+    Texture stripTarget_, maskTarget_, byteBand_;
     Texture spare_;
     std::unique_ptr<Shader> draw_, mask_, sharpen_, pack_;
 };
@@ -144,7 +146,7 @@ void EquirectStitcher::run()
     mask_->use();
     mask_->setUniform("outFovX", layout_.slotAngle);
     if (!hdr_)
-        byteStrip_ = Texture(stripWidth_, outHeight_, GL_RGBA8);
+        byteBand_ = Texture(stripWidth_, std::min(outHeight_, kByteBandRows), GL_RGBA8);
 
     glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
     GL_CHECK();
@@ -267,24 +269,36 @@ void EquirectStitcher::readBackStrip(int strip)
     const int bytesPerPixel = hdr_ ? 4 : 3;
     uint8_t* destination = pixels_ + size_t(strip - 1) * size_t(stripWidth_) * bytesPerPixel;
 
-    // Both kinds go through the packing program, so the bytes are made by the
-    // shader and do not depend on the driver's own float-to-byte conversion.
-    Texture rgbeStrip;
-    Texture* packed = &byteStrip_;
     if (hdr_) {
-        rgbeStrip = Texture(stripWidth_, outHeight_, GL_RGBA8);
-        packed = &rgbeStrip;
+        Texture rgbeStrip(stripWidth_, outHeight_, GL_RGBA8);
+        pack_->use();
+        stripTarget_.bind(GL_TEXTURE0);
+        bindAsRenderTarget(rgbeStrip);
+        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+        fullScreenPass(stripWidth_, outHeight_);
+        finishStage("render (rgb2rgbe)");
+        glPixelStorei(GL_PACK_ROW_LENGTH, outWidth_);
+        rgbeStrip.readPixels(destination, GL_RGBA, stripWidth_, outHeight_);
+        glPixelStorei(GL_PACK_ROW_LENGTH, 0);
+        GL_CHECK();
+        finishStage("gpu -> cpu (render)");
+        return;
     }
+
+    // LDR: the packing program quantises the strip to bytes itself, so that
+    // they do not depend on the driver's own float-to-byte conversion. It
+    // works band by band through a small target that stays in the cache
+    // between being written and being read.
     pack_->use();
     stripTarget_.bind(GL_TEXTURE0);
-    bindAsRenderTarget(*packed);
-    glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
-    fullScreenPass(stripWidth_, outHeight_);
-    if (hdr_)
-        finishStage("render (rgb2rgbe)");
-
     glPixelStorei(GL_PACK_ROW_LENGTH, outWidth_);
-    packed->readPixels(destination, hdr_ ? GL_RGBA : GL_RGB, stripWidth_, outHeight_);
+    for (int row = 0; row < outHeight_; row += byteBand_.height()) {
+        const int rows = std::min(byteBand_.height(), outHeight_ - row);
+        pack_->setUniform("firstRow", row);
+        bindAsRenderTarget(byteBand_);
+        fullScreenPass(stripWidth_, rows);
+        byteBand_.readPixels(destination + size_t(row) * size_t(outWidth_) * 3, GL_RGB, stripWidth_, rows);
+    }
     glPixelStorei(GL_PACK_ROW_LENGTH, 0);
     GL_CHECK();
     finishStage("gpu -> cpu (render)");

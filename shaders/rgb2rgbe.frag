@@ -1,6 +1,6 @@
 // Pass "rgb2rgbe": turns the float RGB strip on unit 0 into the bytes that are
-// read back into the panorama, one output pixel per input pixel (the target
-// has the strip's size, so no clamping or split-image handling is needed).
+// read back into the panorama, one output pixel per input pixel, starting at
+// strip row firstRow (LDR strips are packed in bands; HDR strips whole).
 //
 // HDR (default): Radiance RGBE bytes, identical to the CPU encoder's for the
 // same floats (exponent of the largest component as frexp gives it, mantissas
@@ -8,16 +8,23 @@
 // LDR: the values quantised to 8 bits here, round to nearest, so that every
 // driver delivers the same bytes whatever its own float-to-byte conversion.
 
+#if defined(LDR)
+uniform int firstRow;
+#else
+const int firstRow = 0;
+#endif
+
 void main()
 {
+    ivec2 p = ivec2(_gl_TexCoord) + ivec2(0, firstRow);
 #if __VERSION__ >= 130
 #if defined(USE_ARRAY_TEXTURE)
-    vec3 c = texelFetch(texUnit0, ivec3(ivec2(_gl_TexCoord), 0), 0).rgb;
+    vec3 c = texelFetch(texUnit0, ivec3(p, 0), 0).rgb;
 #else
-    vec3 c = texelFetch(texUnit0, ivec2(_gl_TexCoord), 0).rgb;
+    vec3 c = texelFetch(texUnit0, p, 0).rgb;
 #endif
 #else
-    vec3 c = fetchImage0(ivec2(_gl_TexCoord)).rgb;
+    vec3 c = fetchImage0(p).rgb;
 #endif
 #if defined(LDR)
     fragColor = vec4(floor(clamp(c, 0.0, 1.0) * 255.0 + 0.5) / 255.0, 1.0);
