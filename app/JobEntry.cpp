@@ -9,6 +9,7 @@
 #include <typeinfo>
 
 #include "app/Options.h"
+#include "app/RenderJob.h"
 #include "libglutil/QtContext.h"
 #include "libglutil/Stage.h"
 
@@ -57,5 +58,5 @@ int jobEntry(int argc, char** argv)
     // Lives until the job returns; destroyed before the options.
     GLContextSession session(argc, argv);
     finishStage("GL_CONTEXT");
-    return 0;
+    return runRenderJob(options);
 }

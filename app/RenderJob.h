@@ -1,0 +1,12 @@
+#pragma once
+// The render job: from the parsed command line to the written outputs.
+#include "app/Options.h"
+
+// Runs one job on the current GL context: obtains the equirect panorama (by
+// stitching the project, or by reading a .hdr/.exr this program rendered),
+// draws the logo, turns an upside-down capture, makes the thumbnail and writes
+// the selected outputs in their fixed order. Returns 0, or -1 when an image
+// input of a size this program does not render was only tone-mapped to a
+// JPEG. Every failure is an exception; no output file is left half written.
+// Adjusts options.erWidth and options.cfWidth to the sizes used.
+int runRenderJob(JobOptions& options);
