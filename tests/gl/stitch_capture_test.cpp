@@ -378,8 +378,9 @@ HdrQuality hdrQuality(const Stitched& s)
 
 
 // The capture of the lens conventions (5 slots, zenith image, portrait ring
-// at roll -90, distorted and shifted fisheye), no orientation line: entry 1's
-// direction lands at the centre column. Thresholds: the truth is rendered
+// at roll -90, distorted and shifted fisheye), no orientation line (so asking
+// for the orientation changes nothing): entry 1's direction lands at the
+// centre column. Thresholds: the truth is rendered
 // from the same panorama with supersampling; what remains is resampling blur
 // at hard edges and 8-bit/JPEG noise (about 46 dB here); 36 dB is the
 // required quality, and a heading off by half a degree (1.4 px at this
@@ -391,7 +392,7 @@ TEST(StitchCapture, FisheyeLdr)
     CaptureOptions o;
     o.stem = "fisheye";
     const auto files = photograph(scene("courtyard.exr"), o);
-    const Stitched s = stitch(*files, 2000, false);
+    const Stitched s = stitch(*files, 2000, true);
     writePreview(s, "stitch_fisheye");
     const Quality q = ldrQuality(s);
     std::printf("fisheye LDR: PSNR %.2f dB, max %.0f, filled %.4f\n", q.psnr, q.maxError, q.covered);
@@ -469,6 +470,15 @@ TEST(StitchCapture, FisheyeHdr)
     EXPECT_LE(q.meanRelative, 0.02);
     EXPECT_LE(q.p99Relative, 0.15);
     EXPECT_GE(q.covered, 0.995);
+
+    // A camera the colour matrix table does not know gets the zero matrix:
+    // the panorama is black, and the exposure normalisation, finding no lit
+    // pixel, leaves it so.
+    Project unknown = importPtsScript(files->pts);
+    unknown.images[0].width = 1234;
+    std::vector<uint8_t> black(size_t(400) * 200 * 4, 0);
+    stitchEquirect(black.data(), 400, 200, files->pts, unknown, true, false);
+    EXPECT_EQ(std::count(black.begin(), black.end(), 0), std::ptrdiff_t(black.size()));
 }
 
 // No seam on a scene without edges, in both layouts, LDR and HDR, with and
