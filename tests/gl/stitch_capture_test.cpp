@@ -4,23 +4,22 @@
 // capture is stitched, and the result is compared with the panorama the
 // capture should give (same heading rule, same levelling).
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <array>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "image/ImageView.h"
-#include "image/Jpeg.h"
 #include "image/Rgbe.h"
 #include "passes/Stitch.h"
-#include "project/PtsImport.h"
 #include "project/LensModel.h"
+#include "project/PtsImport.h"
 #include "project/SyntheticCapture.h"
 
 namespace fs = std::filesystem;
@@ -164,6 +163,10 @@ const FloatImage& smoothScene()
     return pano;
 }
 
+// With TESSARA_STITCH_PREVIEW set, writes /tmp/<name>.ppm (the stitch; HDR
+// two stops up, sRGB), <name>_truth.ppm, <name>_error.ppm (8 x the LDR
+// difference around grey) and <name>_cov.ppm (images of the strip that see
+// each pixel) for looking at a result by eye.
 void writePreview(const Stitched& s, const std::string& name)
 {
     if (!std::getenv("TESSARA_STITCH_PREVIEW"))
@@ -185,6 +188,8 @@ void writePreview(const Stitched& s, const std::string& name)
         error[i] = uint8_t(std::clamp(128 + 8 * (int(rgb[i]) - int(truth[i])), 0, 255));
     auto ppm = [&](const std::vector<uint8_t>& px, const std::string& file) {
         FILE* f = std::fopen(("/tmp/" + file + ".ppm").c_str(), "wb");
+        if (!f)
+            return;
         std::fprintf(f, "P6\n%d %d\n255\n", s.width, s.height);
         std::fwrite(px.data(), 1, px.size(), f);
         std::fclose(f);
