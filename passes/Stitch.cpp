@@ -6,11 +6,16 @@
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
+#include <limits>
 #include <map>
 #include <memory>
 #include <stdexcept>
 #include <utility>
 #include <vector>
+
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 #include "image/ImageLoader.h"
 #include "libglutil/Framebuffer.h"
@@ -47,6 +52,34 @@ constexpr int kMaskWidth = 2400;
 constexpr int kMaskHeight = 1200;
 // Rows of the LDR strip packed and read back at a time.
 constexpr int kByteBandRows = 512;
+
+// While it lives, memory that is freed goes back to the heap for reuse
+// instead of to the system. The stitch allocates and frees a decoded image
+// and two textures of 70 to 100 MB for every source it loads; the C library
+// would map each of them afresh, and touching new pages (the GL driver zeroes
+// every texture it creates) costs as much as decoding the image. Restored and
+// trimmed at the end, so the program's memory afterwards is as before.
+class ReuseFreedMemory {
+public:
+    ReuseFreedMemory()
+    {
+#if defined(__GLIBC__)
+        mallopt(M_MMAP_MAX, 0);
+        mallopt(M_TRIM_THRESHOLD, std::numeric_limits<int>::max());
+#endif
+    }
+    ~ReuseFreedMemory()
+    {
+#if defined(__GLIBC__)
+        // glibc's defaults
+        mallopt(M_MMAP_MAX, 65536);
+        mallopt(M_TRIM_THRESHOLD, 128 * 1024);
+        malloc_trim(0);
+#endif
+    }
+    ReuseFreedMemory(const ReuseFreedMemory&) = delete;
+    ReuseFreedMemory& operator=(const ReuseFreedMemory&) = delete;
+};
 
 class EquirectStitcher {
 public:
@@ -377,5 +410,6 @@ size_t headingShiftBytes(const StitchLayout& layout, float heading, int outWidth
 void stitchEquirect(uint8_t* pixels, int outWidth, int outHeight, const std::string& projectPath,
                     Project& project, bool hdr, bool useOrientation)
 {
+    ReuseFreedMemory reuse;
     EquirectStitcher(pixels, outWidth, outHeight, projectPath, project, hdr, useOrientation).run();
 }
