@@ -4,7 +4,7 @@
 //
 //   bench_gl_transfer [repetitions]     (default 5; the best run is reported)
 //
-// Besides the RGBA8 figures the spec'd paths care about, it shows the cost of
+// Besides the RGBA8 figures the renderer's own read-backs use, it shows the cost of
 // reading a half-float target as bytes (the driver converts on the CPU) against
 // converting it on the GPU first (Texture::copyTo into RGBA8).
 #include <GL/glew.h>
