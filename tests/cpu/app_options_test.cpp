@@ -59,11 +59,8 @@ TEST(OptionHash, MatchesTheOptionTable)
         {"--logo", 0x655cb82e},          {"--exr-compression", 0xb3e1f509},
         {"-v", 0x59701e},                {"-V", 0x59747e},
     };
-    for (const auto& row : table) {
+    for (const auto& row : table)
         EXPECT_EQ(optionHash(row.text), row.hash) << row.text;
-        EXPECT_EQ(optionHashConst(row.text, uint32_t(std::char_traits<char>::length(row.text))), row.hash)
-            << row.text;
-    }
     EXPECT_EQ(optionHash(""), 5381u);
 }
 

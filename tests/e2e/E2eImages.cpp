@@ -6,7 +6,6 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "image/Jpeg.h"
 #include "image/Radiance.h"
@@ -60,15 +59,6 @@ std::set<std::string> filesIn(const std::string& dir)
         if (entry.is_regular_file())
             names.insert(entry.path().filename().string());
     return names;
-}
-
-int countLinesWith(const std::string& text, const std::string& needle)
-{
-    std::istringstream in(text);
-    int n = 0;
-    for (std::string line; std::getline(in, line);)
-        n += line.find(needle) != std::string::npos;
-    return n;
 }
 
 RelativeError compareRgbe(const ImageView& expected, const ImageView& actual)

@@ -25,9 +25,6 @@ Size jpegSize(const std::string& path);
 // Names of the plain files in `dir` (not recursive).
 std::set<std::string> filesIn(const std::string& dir);
 
-// Lines of `text` that contain `needle`.
-int countLinesWith(const std::string& text, const std::string& needle);
-
 // Largest and mean absolute difference of the decoded RGB values of two RGBE
 // images of the same size, relative to the first image's value per channel.
 struct RelativeError {

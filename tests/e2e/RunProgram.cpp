@@ -15,7 +15,11 @@
 #include <sstream>
 
 namespace {
-std::string readAll(const std::string& path)
+// Set once, before the first child starts.
+const bool g_subreaper = prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
+}  // namespace
+
+std::string readFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream s;
@@ -23,9 +27,25 @@ std::string readAll(const std::string& path)
     return s.str();
 }
 
-// Set once, before the first child starts.
-const bool g_subreaper = prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
-}  // namespace
+int countLinesWith(const std::string& text, const std::string& needle)
+{
+    std::istringstream in(text);
+    int n = 0;
+    for (std::string line; std::getline(in, line);)
+        n += line.find(needle) != std::string::npos;
+    return n;
+}
+
+void expectCleanFailure(const RunResult& r, const std::string& messagePart)
+{
+    EXPECT_EQ(r.status, 255) << r.err;
+    EXPECT_EQ(countLinesWith(r.err, "Error ("), 1) << r.err;
+    const size_t lastStart = r.err.size() < 2 ? 0 : r.err.rfind('\n', r.err.size() - 2) + 1;
+    const std::string lastLine = r.err.substr(lastStart);
+    EXPECT_EQ(lastLine.rfind("Error (", 0), 0u) << r.err;
+    EXPECT_NE(lastLine.find(messagePart), std::string::npos) << r.err;
+    EXPECT_TRUE(takeOrphansNamed("Xvfb").empty()) << "an Xvfb outlived the renderer";
+}
 
 std::string binPath(const std::string& name) { return std::string(TESSARA_BIN_DIR) + "/" + name; }
 
@@ -65,8 +85,8 @@ RunResult runProgram(const std::vector<std::string>& args, const std::vector<std
     }
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     EXPECT_NE(result.status, 127) << "could not start " << args[0];
-    result.out = readAll(outPath);
-    result.err = readAll(errPath);
+    result.out = readFile(outPath);
+    result.err = readFile(errPath);
     return result;
 }
 
@@ -87,7 +107,7 @@ std::vector<int> takeOrphansNamed(const std::string& comm)
         if (name.find_first_not_of("0123456789") != std::string::npos)
             continue;
         // /proc/<pid>/stat: "pid (comm) state ppid ..."; comm may hold blanks.
-        const std::string stat = readAll(entry.path().string() + "/stat");
+        const std::string stat = readFile(entry.path().string() + "/stat");
         const auto open = stat.find('('), close = stat.rfind(')');
         if (open == std::string::npos || close == std::string::npos)
             continue;

@@ -27,6 +27,17 @@ RunResult runRenderer(const std::vector<std::string>& args, const std::vector<st
 // behind is re-parented here and shows up.
 std::vector<int> takeOrphansNamed(const std::string& comm);
 
+// Lines of `text` that contain `needle`.
+int countLinesWith(const std::string& text, const std::string& needle);
+
+// The whole content of a file ("" when it cannot be read).
+std::string readFile(const std::string& path);
+
+// The failure contract of the renderer: status 255, one "Error (" line that is
+// the last line of standard error and contains `messagePart`, and no private
+// X server left behind.
+void expectCleanFailure(const RunResult& r, const std::string& messagePart);
+
 // A fresh empty directory under the system's temp directory, removed with its
 // contents by the destructor.
 class TempDir {

@@ -12,7 +12,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "E2eImages.h"
 #include "RunProgram.h"
@@ -20,26 +19,6 @@
 #include "image/Radiance.h"
 
 namespace {
-
-std::string fileBytes(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-// The failure contract: status 255, the last line of standard error is the
-// only "Error (" line, and no private X server is left.
-void expectCleanFailure(const RunResult& r, const std::string& messagePart)
-{
-    EXPECT_EQ(r.status, 255) << r.err;
-    EXPECT_EQ(countLinesWith(r.err, "Error ("), 1) << r.err;
-    const auto lastLine = r.err.substr(r.err.rfind('\n', r.err.size() - 2) + 1);
-    EXPECT_EQ(lastLine.rfind("Error (", 0), 0u) << r.err;
-    EXPECT_NE(lastLine.find(messagePart), std::string::npos) << r.err;
-    EXPECT_TRUE(takeOrphansNamed("Xvfb").empty());
-}
 
 class ImageInput : public ::testing::Test {
 protected:
@@ -107,7 +86,7 @@ TEST_F(ImageInput, ExrOutputCarriesThePreviewAndReadsBack)
         EXPECT_EQ(Imf::envmap(h), Imf::ENVMAP_LATLONG);
         const auto* preview = h.findTypedAttribute<TessaraBinaryAttribute>("tessaraJpegPreview");
         ASSERT_NE(preview, nullptr);
-        EXPECT_EQ(preview->value(), fileBytes(out / "pano thumbnail.jpg"));
+        EXPECT_EQ(preview->value(), readFile(out / "pano thumbnail.jpg"));
         // An image input has no project document to embed.
         EXPECT_TRUE(h.find("tessaraMetaData") == h.end());
     }
@@ -197,7 +176,7 @@ TEST_F(ImageInput, FailuresLeaveNoFiles)
     expectCleanFailure(runRenderer({out / "missing.exr", "--er-jpg"}), "missing.exr");
 
     // Truncated input: the first half of a valid file.
-    const std::string bytes = fileBytes(input());
+    const std::string bytes = readFile(input());
     std::ofstream(out / "cut.hdr", std::ios::binary).write(bytes.data(), std::streamsize(bytes.size() / 2));
     expectCleanFailure(runRenderer({out / "cut.hdr", "--er-jpg"}), "cut.hdr");
     EXPECT_EQ(filesIn(out.path()), (std::set<std::string>{"cut.hdr"}));

@@ -23,25 +23,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string fileBytes(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 void writeText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
-
-void expectCleanFailure(const RunResult& r, const std::string& messagePart)
-{
-    EXPECT_EQ(r.status, 255) << r.err;
-    EXPECT_EQ(countLinesWith(r.err, "Error ("), 1) << r.err;
-    const std::string lastLine = r.err.substr(r.err.rfind('\n', r.err.size() - 2) + 1);
-    EXPECT_EQ(lastLine.rfind("Error (", 0), 0u) << r.err;
-    EXPECT_NE(lastLine.find(messagePart), std::string::npos) << r.err;
-    EXPECT_TRUE(takeOrphansNamed("Xvfb").empty());
-}
 
 // Mean of the 8-bit values of rows [y0, y1) of an RGB image.
 double meanOfRows(const Image& rgb, int y0, int y1)
@@ -188,10 +170,10 @@ TEST_F(Capture, HdrCaptureExrCarriesThumbnailAndProject)
         // A pts input quotes the .tsp document beside it.
         const auto* meta = h.findTypedAttribute<Imf::StringAttribute>("tessaraMetaData");
         ASSERT_NE(meta, nullptr);
-        EXPECT_EQ(meta->value(), fileBytes(capture("hdr/capture.tsp")));
+        EXPECT_EQ(meta->value(), readFile(capture("hdr/capture.tsp")));
         const auto* preview = h.findTypedAttribute<TessaraBinaryAttribute>("tessaraJpegPreview");
         ASSERT_NE(preview, nullptr);
-        EXPECT_EQ(preview->value(), fileBytes(out / "pano thumbnail.jpg"));
+        EXPECT_EQ(preview->value(), readFile(out / "pano thumbnail.jpg"));
     }
     // The EXR holds the same panorama as the .hdr (see ImageInput for the bounds).
     const RelativeError e = compareRgbe(hdr, readExr(out / "pano.exr"));
@@ -209,7 +191,7 @@ TEST_F(Capture, UpsideDownCaptureIsTurned)
     // The same capture with an orientation line, once level and once with a
     // fourth value above 90; roll and pitch are 0, so negating them changes
     // nothing and the second panorama is exactly the first turned by 180 degrees.
-    const std::string pts = fileBytes(capture("hdr/capture.pts"));
+    const std::string pts = readFile(capture("hdr/capture.pts"));
     writeText(capture("hdr/level.pts"), pts + "#orientation_abs_slot1 y0 r0 p0 t0\n");
     writeText(capture("hdr/flipped.pts"), pts + "#orientation_abs_slot1 y0 r0 p0 t180\n");
     const RunResult level = runRenderer({capture("hdr/level.pts"), "--er-width", "1200", "--er-hdr",
