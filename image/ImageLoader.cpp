@@ -60,13 +60,7 @@ Texture loadRadiance(const std::string& path)
     glFinish();
     timer.markStage("read");
 
-    const ExponentStats stats = exponentStats(rgbe);
-    printExponentStats(rgbe, stats);
-    Texture texture;
-    texture.meanLevel = std::exp2(stats.mean());
-    texture.minLevel = std::exp2(double(stats.minE));
-    texture.maxLevel = std::exp2(double(stats.maxE));
-    texture.create(rgbe.width, rgbe.height, GL_RGBA8, GL_RGBA, rgbe.data, rgbe.stride());
+    Texture texture = uploadRgbe(rgbe);
     glFinish();
     timer.markStage("cpu -> gpu");
     return texture;
@@ -259,4 +253,16 @@ Texture loadImage(const std::string& path)
     default:
         throw std::runtime_error("failed to open file '" + path + "': unsupported file type");
     }
+}
+
+Texture uploadRgbe(const ImageView& rgbe)
+{
+    const ExponentStats stats = exponentStats(rgbe);
+    printExponentStats(rgbe, stats);
+    Texture texture;
+    texture.meanLevel = std::exp2(stats.mean());
+    texture.minLevel = std::exp2(double(stats.minE));
+    texture.maxLevel = std::exp2(double(stats.maxE));
+    texture.create(rgbe.width, rgbe.height, GL_RGBA8, GL_RGBA, rgbe.data, rgbe.stride());
+    return texture;
 }

@@ -30,3 +30,7 @@ Image readRawPreview(const std::string& path);
 // there, else the first executable of that name on PATH, else the path beside
 // the executable (which then fails to start).
 std::string toolPath(const std::string& name);
+
+// Uploads an RGBE image as a GL_RGBA8 texture after printing its exponent
+// statistics line and storing 2^mean, 2^min and 2^max in the texture.
+Texture uploadRgbe(const ImageView& rgbe);

@@ -12,7 +12,7 @@
 #include <map>
 #include <vector>
 
-#include "image/ExponentStats.h"
+#include "image/ImageLoader.h"
 #include "image/Jpeg.h"
 #include "image/OpenExr.h"
 #include "image/OutputFile.h"
@@ -190,13 +190,7 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& o
                        const std::string& compression, const std::string& previewPath,
                        const std::string& projectPath)
 {
-    const ExponentStats stats = exponentStats(rgbe);
-    printExponentStats(rgbe, stats);
-    Texture input;
-    input.meanLevel = std::exp2(stats.mean());
-    input.minLevel = std::exp2(double(stats.minE));
-    input.maxLevel = std::exp2(double(stats.maxE));
-    input.create(rgbe.width, rgbe.height, GL_RGBA8, GL_RGBA, rgbe.data, rgbe.stride());
+    Texture input = uploadRgbe(rgbe);
 
     const int tile = cubeTileSize(faceSize);
     const Imf::Header header =

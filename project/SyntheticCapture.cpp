@@ -341,15 +341,7 @@ Capture planCapture(const CaptureOptions& o)
         const ImageEntry& e = s.entry;
         const R3 m = mul(worldToCamera(e.yaw, e.pitch, e.roll), rigToWorld);
         LensModel& lens = s.camera;
-        lens.w = e.width;
-        lens.h = e.height;
-        lens.fisheye = cap.fisheye;
-        lens.v = e.fov;
-        lens.a = e.a;
-        lens.b = e.b;
-        lens.c = e.c;
-        lens.d = e.d;
-        lens.e = e.e;
+        lens = lensModelOf(e, cap.fisheye);
         anglesOf(m, lens.yaw, lens.pitch, lens.roll);
     }
     if (o.hdr) cap.colourMatrix = colourMatrixFor(cap.shots[0].entry.width);
