@@ -5,6 +5,16 @@
 
 bool stageTimingEnabled = true;
 
+namespace {
+StageListener& stageListener()
+{
+    static StageListener listener;
+    return listener;
+}
+}  // namespace
+
+void setStageListener(StageListener listener) { stageListener() = std::move(listener); }
+
 StageTimer::StageTimer(std::string n) : start(now()), name(std::move(n)) {}
 
 StageTimer::~StageTimer()
@@ -35,6 +45,8 @@ void StageTimer::markStage(const char* stage)
     const char* prefix = (stage == name.c_str()) ? "" : name.c_str();
     std::fprintf(stderr, "%s %20s: %3.3fs\n", prefix, stage, elapsed);
     std::fflush(stderr);
+    if (stageListener())
+        stageListener()(name, stage, elapsed);
 }
 
 namespace {

@@ -6,6 +6,7 @@
 // glFinish, then mark the stage on the global timer. This header has no GL
 // dependency; it is only the timer record.
 #include <cstdint>
+#include <functional>
 #include <string>
 
 class StageTimer {
@@ -37,3 +38,9 @@ StageTimer& globalTimer();
 // Process-wide switch, initially true; only the thumbnail turns it off around
 // its tone mapping.
 extern bool stageTimingEnabled;
+
+// Called after every line any timer prints, with the timer's name, the stage
+// and the seconds measured; none by default. Lets a caller keep the stage
+// times of a job (the batch program reports them per job).
+using StageListener = std::function<void(const std::string& timerName, const char* stage, double seconds)>;
+void setStageListener(StageListener listener);

@@ -9,9 +9,22 @@
 
 #include "image/FormatText.h"
 
+namespace {
+OutputFileObserver* g_observer = nullptr;
+}
+
+OutputFileObserver* setOutputFileObserver(OutputFileObserver* observer)
+{
+    OutputFileObserver* previous = g_observer;
+    g_observer = observer;
+    return previous;
+}
+
 AtomicOutputFile::AtomicOutputFile(std::string finalPath)
     : finalPath_(std::move(finalPath)), tempPath_(finalPath_ + ".tmp-" + std::to_string(::getpid()))
 {
+    if (g_observer)
+        g_observer->created(tempPath_);
 }
 
 AtomicOutputFile::~AtomicOutputFile()
@@ -28,4 +41,6 @@ void AtomicOutputFile::commit()
         throw std::runtime_error(
             formatText("Failed to write file '%s': %s", finalPath_.c_str(), std::strerror(errno)));
     committed_ = true;
+    if (g_observer)
+        g_observer->committed(finalPath_);
 }

@@ -26,3 +26,17 @@ private:
     std::string tempPath_;
     bool committed_ = false;
 };
+
+// Sees every output file of the process: `created` with the temporary path
+// before anything is written to it, `committed` with the final path once it
+// is in place. The batch program records through it what each job wrote, and
+// which temporary files a killed job may have left behind.
+class OutputFileObserver {
+public:
+    virtual ~OutputFileObserver() = default;
+    virtual void created(const std::string& tempPath) = 0;
+    virtual void committed(const std::string& finalPath) = 0;
+};
+
+// Installs `observer` (nullptr: none) and returns the previous one.
+OutputFileObserver* setOutputFileObserver(OutputFileObserver* observer);

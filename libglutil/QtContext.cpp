@@ -11,6 +11,7 @@
 #include "libglutil/GLError.h"
 #include "libglutil/GLInit.h"
 #include "libglutil/HeadlessDisplay.h"
+#include "libglutil/ShaderCache.h"
 #include "libglutil/Stage.h"
 
 void setupSurfaceFormat()
@@ -51,6 +52,7 @@ GLContextSession::GLContextSession(int& argc, char** argv)
 
 GLContextSession::~GLContextSession()
 {
+    releaseSharedShaders();  // while the context is still current
     widget_.reset();
     app_.reset();
 }

@@ -4,11 +4,14 @@
 #include <QDir>
 #include <QString>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -63,7 +66,7 @@ bool isHarmlessShaderLog(const std::string& log)
     return false;
 }
 
-void checkShaderLog(GLuint object, const std::string& displayName)
+std::string checkShaderLog(GLuint object, const std::string& displayName)
 {
     const bool isShader = glIsShader(object);
     GLint length = 0;
@@ -72,15 +75,18 @@ void checkShaderLog(GLuint object, const std::string& displayName)
     else
         glGetProgramiv(object, GL_INFO_LOG_LENGTH, &length);
     if (length <= 1)
-        return;
+        return std::string();
     std::vector<char> buffer(size_t(length), '\0');
     if (isShader)
         glGetShaderInfoLog(object, length, nullptr, buffer.data());
     else
         glGetProgramInfoLog(object, length, nullptr, buffer.data());
     const std::string log(buffer.data());
-    if (!log.empty() && !isHarmlessShaderLog(log))
-        std::fprintf(stderr, "Errors in shader '%s':\n%s\n", displayName.c_str(), log.c_str());
+    if (log.empty() || isHarmlessShaderLog(log))
+        return std::string();
+    const std::string message = "Errors in shader '" + displayName + "':\n" + log + "\n";
+    std::fputs(message.c_str(), stderr);
+    return message;
 }
 
 const std::string& shaderVersionLine()
@@ -111,7 +117,7 @@ std::string Shader::filePath(const std::string& fileName)
 
 namespace {
 
-void compileShader(GLuint shader, const std::string& path, std::string defines)
+std::string compileShader(GLuint shader, const std::string& path, std::string defines)
 {
     if (std::getenv("USE_ARRAY_TEXTURE"))
         defines += "#define USE_ARRAY_TEXTURE\n";
@@ -122,10 +128,112 @@ void compileShader(GLuint shader, const std::string& path, std::string defines)
     const char* strings[4] = {shaderVersionLine().c_str(), defines.c_str(), library.c_str(), source.c_str()};
     glShaderSource(shader, 4, strings, nullptr);
     glCompileShader(shader);
-    checkShaderLog(shader, path);
+    return checkShaderLog(shader, path);
+}
+
+// Sampler "texUnitN" reads texture unit N (a name the program lacks is skipped).
+void setSamplerUnits(GLuint program)
+{
+    for (int unit = 0; unit < 6; ++unit) {
+        const std::string sampler = "texUnit" + std::to_string(unit);
+        const GLint loc = glGetUniformLocation(program, sampler.c_str());
+        if (loc != -1)
+            glUniform1i(loc, unit);
+    }
+}
+
+// Sets `count` elements of a uniform of GLSL type `type` to zero; false for
+// types it does not know (samplers among them).
+bool zeroUniform(GLint loc, GLenum type, GLsizei count)
+{
+    static const GLfloat f[16] = {};
+    static const GLint i[4] = {};
+    static const GLuint u[4] = {};
+    for (GLsizei k = 0; k < count; ++k) {
+        const GLint at = loc + k;  // array elements have consecutive locations
+        switch (type) {
+        case GL_FLOAT: glUniform1fv(at, 1, f); break;
+        case GL_FLOAT_VEC2: glUniform2fv(at, 1, f); break;
+        case GL_FLOAT_VEC3: glUniform3fv(at, 1, f); break;
+        case GL_FLOAT_VEC4: glUniform4fv(at, 1, f); break;
+        case GL_INT: case GL_BOOL: glUniform1iv(at, 1, i); break;
+        case GL_INT_VEC2: case GL_BOOL_VEC2: glUniform2iv(at, 1, i); break;
+        case GL_INT_VEC3: case GL_BOOL_VEC3: glUniform3iv(at, 1, i); break;
+        case GL_INT_VEC4: case GL_BOOL_VEC4: glUniform4iv(at, 1, i); break;
+        case GL_UNSIGNED_INT: glUniform1uiv(at, 1, u); break;
+        case GL_UNSIGNED_INT_VEC2: glUniform2uiv(at, 1, u); break;
+        case GL_UNSIGNED_INT_VEC3: glUniform3uiv(at, 1, u); break;
+        case GL_UNSIGNED_INT_VEC4: glUniform4uiv(at, 1, u); break;
+        case GL_FLOAT_MAT2: glUniformMatrix2fv(at, 1, GL_FALSE, f); break;
+        case GL_FLOAT_MAT3: glUniformMatrix3fv(at, 1, GL_FALSE, f); break;
+        case GL_FLOAT_MAT4: glUniformMatrix4fv(at, 1, GL_FALSE, f); break;
+        default: return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace
+
+void Shader::resetUniforms() const
+{
+    glUseProgram(program_);
+    GLint count = 0, maxLength = 0;
+    glGetProgramiv(program_, GL_ACTIVE_UNIFORMS, &count);
+    glGetProgramiv(program_, GL_ACTIVE_UNIFORM_MAX_LENGTH, &maxLength);
+    std::vector<char> name(size_t(std::max(maxLength, 1)), '\0');
+    for (GLint index = 0; index < count; ++index) {
+        GLint size = 0;
+        GLenum type = 0;
+        glGetActiveUniform(program_, GLuint(index), GLsizei(name.size()), nullptr, &size, &type, name.data());
+        const GLint loc = glGetUniformLocation(program_, name.data());
+        if (loc != -1)  // -1: a member of a uniform block or a built-in
+            zeroUniform(loc, type, size);
+    }
+    setSamplerUnits(program_);
+    GL_CHECK();
+}
+
+namespace {
+
+struct ShaderCache {
+    std::map<std::string, std::unique_ptr<Shader>> programs;
+};
+
+ShaderCache& shaderCache()
+{
+    // Never destroyed: deleting programs at exit, after the context is gone,
+    // is not safe. GLContextSession empties it while its context is current.
+    static ShaderCache* cache = new ShaderCache;
+    return *cache;
+}
+
+}  // namespace
+
+const Shader& sharedShader(const std::string& name, const std::string& defines)
+{
+    // The version line and the array mode change the source the driver sees.
+    std::string key = name;
+    key += '\0';
+    key += defines;
+    key += '\0';
+    key += shaderVersionLine();
+    key += std::getenv("USE_ARRAY_TEXTURE") ? "array" : "";
+    auto& programs = shaderCache().programs;
+    const auto found = programs.find(key);
+    if (found == programs.end()) {
+        auto built = std::make_unique<Shader>(name, defines);
+        return *programs.emplace(std::move(key), std::move(built)).first->second;
+    }
+    const Shader& shader = *found->second;
+    std::fputs(shader.buildLog().c_str(), stderr);
+    shader.resetUniforms();
+    return shader;
+}
+
+void releaseSharedShaders() { shaderCache().programs.clear(); }
+
+size_t sharedShaderCount() { return shaderCache().programs.size(); }
 
 Shader::Shader(std::string name, std::string defines) : name_(std::move(name)), defines_(std::move(defines))
 {
@@ -150,7 +258,7 @@ void Shader::build()
         if (!haveVertexFile) {
             glShaderSource(vertex_, 1, &kDefaultVertexShader, nullptr);
             glCompileShader(vertex_);
-            checkShaderLog(vertex_, "default.vert");
+            buildLog_ += checkShaderLog(vertex_, "default.vert");
         }
     }
     // Below GL 3.3 without a vertex file the program has no vertex shader: the
@@ -159,19 +267,14 @@ void Shader::build()
     glAttachShader(program_, fragment_);
     glUseProgram(0);
     if (haveVertexFile)
-        compileShader(vertex_, vertexPath, defines_);
-    compileShader(fragment_, fragmentPath, defines_);
+        buildLog_ += compileShader(vertex_, vertexPath, defines_);
+    buildLog_ += compileShader(fragment_, fragmentPath, defines_);
     glLinkProgram(program_);
     // Compile and link status are not queried: a broken program is reported here
     // and fails at the first GL error check that uses it.
-    checkShaderLog(program_, name_);
+    buildLog_ += checkShaderLog(program_, name_);
     glUseProgram(program_);
-    for (int unit = 0; unit < 6; ++unit) {
-        const std::string sampler = "texUnit" + std::to_string(unit);
-        const GLint loc = glGetUniformLocation(program_, sampler.c_str());
-        if (loc != -1)
-            glUniform1i(loc, unit);
-    }
+    setSamplerUnits(program_);
     GL_CHECK();
 }
 
@@ -189,6 +292,7 @@ Shader& Shader::operator=(Shader&& other) noexcept
     fragment_ = std::exchange(other.fragment_, 0u);
     name_ = std::move(other.name_);
     defines_ = std::move(other.defines_);
+    buildLog_ = std::move(other.buildLog_);
     return *this;
 }
 

@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include "libglutil/ShaderCache.h"
+
 class Shader {
 public:
     Shader(std::string name, std::string defines);
@@ -35,6 +37,15 @@ public:
     // The directory of the executable joined with a file name.
     static std::string filePath(const std::string& fileName);
 
+    // What building printed on standard error (shader and link logs); empty
+    // for a clean build.
+    const std::string& buildLog() const { return buildLog_; }
+
+    // Sets every active uniform back to zero and the samplers "texUnit0" to
+    // "texUnit5" to their units: the state of a freshly linked program. Leaves
+    // the program current.
+    void resetUniforms() const;
+
 private:
     void build();
     void destroy() noexcept;
@@ -43,14 +54,23 @@ private:
     GLuint fragment_ = 0;
     std::string name_;
     std::string defines_;
+    std::string buildLog_;
 };
+
+// A program from the process-wide cache, keyed by pass name, defines, version
+// line and array-texture mode: built on the first request, afterwards handed
+// out again in the state of a fresh build (uniforms reset, program current, the
+// build's log printed again), so a caller cannot tell a reused program from a
+// new one. Valid until releaseSharedShaders().
+const Shader& sharedShader(const std::string& name, const std::string& defines);
 
 // "#version 330\n", "#version 130\n" or "#version 120\n" by the GL version number.
 const std::string& shaderVersionLine();
 
 // Prints "Errors in shader '<displayName>':\n<log>\n" on standard error when the
-// shader's or program's info log is non-empty and not a driver success note.
-void checkShaderLog(GLuint object, const std::string& displayName);
+// shader's or program's info log is non-empty and not a driver success note;
+// returns what it printed.
+std::string checkShaderLog(GLuint object, const std::string& displayName);
 
 // True for the driver success notes that are not worth printing.
 bool isHarmlessShaderLog(const std::string& log);

@@ -35,7 +35,7 @@ void renderFaces(const Texture& input, int faceSize, UseFace&& useFace)
     Texture target(faceSize, faceSize, input.isHDR() ? GL_RGBA16F : GL_RGBA8);
     finishStage("cpu -> gpu (render)");
 
-    Shader program("envmap", "");
+    const Shader& program = sharedShader("envmap", "");
     program.setUniform("inSize", float(input.width()), float(input.height()));
     program.setUniform("outSize", float(faceSize), float(faceSize));
     for (int f = 0; f < 6; ++f) {

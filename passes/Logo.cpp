@@ -20,7 +20,7 @@ void drawLogo(int width, int height, uint8_t* pixels, int rowStrideBytes, const 
     Texture logo = loadImage(logoPath);
     finishStage("load (logo)");
 
-    Shader program("fish", hdr ? "#define RENDER_LOGO\n#define RGBE_OUT\n" : "#define RENDER_LOGO\n#define LDR\n");
+    const Shader& program = sharedShader("fish", hdr ? "#define RENDER_LOGO\n#define RGBE_OUT\n" : "#define RENDER_LOGO\n#define LDR\n");
     program.setUniform("outFovX", 360.0f / float(n));
     program.setUniform("fov", 2.0f * fov);
     program.setUniform("inSize", float(logo.width()), float(logo.height()));

@@ -118,7 +118,10 @@ private:
 
     Texture stripTarget_, maskTarget_, byteBand_;
     Texture spare_;
-    std::unique_ptr<Shader> draw_, mask_, sharpen_, pack_;
+    const Shader* draw_ = nullptr;  // from the shared program cache
+    const Shader* mask_ = nullptr;
+    const Shader* sharpen_ = nullptr;
+    const Shader* pack_ = nullptr;
 };
 
 void checkSizes(const StitchLayout& layout, const std::vector<ImageEntry>& images, int outWidth,
@@ -162,12 +165,11 @@ void EquirectStitcher::run()
     stripTarget_ = Texture(stripWidth_, outHeight_, GL_RGB16F);
     maskTarget_ = Texture(kMaskWidth / slots, kMaskHeight, GL_RGB8);
     const char* fisheyeDefine = layout_.fisheye ? "#define FISHEYE\n" : "";
-    draw_ = std::make_unique<Shader>(
-        "fish", std::string("#define USE_MASK\n") + (hdr_ ? "" : "#define LDR\n") + fisheyeDefine);
-    mask_ = std::make_unique<Shader>("fish", std::string("#define RENDER_MASK\n") + fisheyeDefine);
-    sharpen_ = std::make_unique<Shader>("sharpen", hdr_ ? "" : "#define LDR\n");
+    draw_ = &sharedShader("fish", std::string("#define USE_MASK\n") + (hdr_ ? "" : "#define LDR\n") + fisheyeDefine);
+    mask_ = &sharedShader("fish", std::string("#define RENDER_MASK\n") + fisheyeDefine);
+    sharpen_ = &sharedShader("sharpen", hdr_ ? "" : "#define LDR\n");
     // In an LDR job the packing program quantises the strip to bytes instead.
-    pack_ = std::make_unique<Shader>("rgb2rgbe", hdr_ ? "" : "#define LDR\n");
+    pack_ = &sharedShader("rgb2rgbe", hdr_ ? "" : "#define LDR\n");
 
     draw_->use();
     draw_->setUniform("outFovX", layout_.slotAngle);

@@ -24,7 +24,7 @@ ImageView tonemap(const ImageView& rgbe)
     std::cerr << "avgLum = " << key.avgLum << ", maxLum = " << key.rawMax << std::endl;
     finishStage("avg log lum");
 
-    Shader program("tonemap", "");
+    const Shader& program = sharedShader("tonemap", "");
     program.setUniform("avgLum", key.avgLum);
     program.setUniform("maxLum", whiteLuminance(key));
     finishStage("shader");

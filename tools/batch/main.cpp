@@ -1,0 +1,379 @@
+// tessara-batch: renders every line of a manifest, each line the command line
+// of one tessara-render run, in one process with one GL context. A failed line
+// is reported and the next one starts from a clean context; finished lines are
+// recorded in a state folder so that a rerun renders only what is left.
+#include <OpenEXR/ImfThreading.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/JobEntry.h"
+#include "app/Options.h"
+#include "app/RenderJob.h"
+#include "app/StageTimer.h"
+#include "image/FormatText.h"
+#include "image/OutputFile.h"
+#include "libglutil/ContextSession.h"
+#include "libglutil/GLVersion.h"
+#include "libglutil/Stage.h"
+#include "libglutil/StateReset.h"
+#include "tools/batch/Manifest.h"
+#include "tools/batch/Report.h"
+#include "tools/batch/Shard.h"
+#include "tools/batch/StateDir.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kUsageStatus = 255;
+
+const char* const kUsage =
+    "Usage: tessara-batch MANIFEST [--state DIR] [--report FILE] [--shard K/N | --shard auto [--shards N]] "
+    "[--force]\n"
+    "  MANIFEST  one tessara-render command line per line (input first, then its options);\n"
+    "            blank lines and lines starting with # are skipped; relative paths are\n"
+    "            relative to the manifest's folder\n"
+    "  --state   folder of the completion records (default: MANIFEST.state beside it)\n"
+    "  --report  append one JSON object per line handled to FILE\n"
+    "  --shard   render the lines whose index modulo N is K; auto: from a Slurm job array\n"
+    "            or a Kubernetes Indexed Job (JOB_COMPLETION_INDEX with --shards N)\n"
+    "  --force   render lines again even when they are recorded as done\n";
+
+struct BatchOptions {
+    std::string manifest;
+    std::string stateDir;
+    std::string report;
+    std::string shard;  // empty: 0/1
+    int shards = 0;
+    bool force = false;
+};
+
+[[noreturn]] void usageError(const std::string& message)
+{
+    std::fprintf(stderr, "tessara-batch: %s\n%s", message.c_str(), kUsage);
+    std::exit(kUsageStatus);
+}
+
+BatchOptions parseBatchOptions(int argc, char** argv)
+{
+    BatchOptions o;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        auto value = [&]() -> std::string {
+            if (i + 1 >= argc)
+                usageError(arg + " needs a value");
+            return argv[++i];
+        };
+        if (arg == "--state")
+            o.stateDir = value();
+        else if (arg == "--report")
+            o.report = value();
+        else if (arg == "--shard")
+            o.shard = value();
+        else if (arg == "--shards") {
+            const std::string n = value();
+            char* end = nullptr;
+            const long v = std::strtol(n.c_str(), &end, 10);
+            if (n.empty() || *end || v < 1 || v > 1000000)
+                usageError("--shards takes a positive count, not '" + n + "'");
+            o.shards = int(v);
+        } else if (arg == "--force")
+            o.force = true;
+        else if (arg == "-h" || arg == "--help") {
+            std::fputs(kUsage, stdout);
+            std::exit(0);
+        } else if (o.manifest.empty() && !arg.empty() && arg[0] != '-')
+            o.manifest = arg;
+        else
+            usageError("unknown option '" + arg + "'");
+    }
+    if (o.manifest.empty())
+        usageError("no manifest given");
+    return o;
+}
+
+// Collects what one line wrote: its committed outputs, and its temporary files
+// in the line's journal before anything is written to them.
+class LineOutputs : public OutputFileObserver {
+public:
+    LineOutputs(const StateDir& state, int lineNumber) : state_(state), line_(lineNumber) {}
+    void created(const std::string& tempPath) override { state_.journalTempFile(line_, tempPath); }
+    void committed(const std::string& finalPath) override
+    {
+        for (const std::string& p : paths)
+            if (p == finalPath)
+                return;
+        paths.push_back(finalPath);
+    }
+    std::vector<std::string> paths;
+
+private:
+    const StateDir& state_;
+    int line_;
+};
+
+// Peak resident memory since the last reset, in MB (0 when unavailable).
+void resetPeakMemory()
+{
+    std::ofstream("/proc/self/clear_refs") << "5";
+}
+
+double peakMemoryMB()
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.compare(0, 6, "VmHWM:") == 0)
+            return std::strtod(line.c_str() + 6, nullptr) / 1024.0;
+    return 0.0;
+}
+
+class Batch {
+public:
+    Batch(int& argc, char** argv, const BatchOptions& options, StateDir state, FILE* report)
+        : argc_(argc), argv_(argv), options_(options), state_(std::move(state)), report_(report)
+    {
+    }
+
+    // Renders the selected lines; returns the exit status.
+    int run(const std::vector<const ManifestLine*>& lines)
+    {
+        total_ = lines.size();
+        std::vector<const ManifestLine*> busy;  // locked by another process right now
+        for (const ManifestLine* line : lines) {
+            if (finishedEarlier(*line))
+                continue;
+            LineLock lock = state_.tryLock(line->number);
+            if (lock.held())
+                renderLocked(*line);
+            else
+                busy.push_back(line);
+        }
+        // Lines another process was rendering: wait for it, then take what it left.
+        for (const ManifestLine* line : busy) {
+            const LineLock lock = state_.lock(line->number);
+            if (!finishedEarlier(*line))
+                renderLocked(*line);
+        }
+        return failed_ ? 1 : 0;
+    }
+
+private:
+    bool finishedEarlier(const ManifestLine& line)
+    {
+        LineResult result = newResult(line);
+        if (options_.force || !line.splitError.empty() || !state_.isDone(line.number, line.text, &result.outputs))
+            return false;
+        result.status = "skipped";
+        finish(result);
+        return true;
+    }
+
+    LineResult newResult(const ManifestLine& line) const
+    {
+        LineResult result;
+        result.line = line.number;
+        result.input = line.args.empty() ? line.text : line.args.front();
+        return result;
+    }
+
+    // Called with the line's lock held.
+    void renderLocked(const ManifestLine& line)
+    {
+        LineResult result = newResult(line);
+        const auto started = std::chrono::steady_clock::now();
+        state_.clearLeftovers(line.number);
+        state_.removeRecord(line.number, line.text);
+        if (!line.splitError.empty()) {
+            result.error = "Error: " + line.splitError;
+            std::fprintf(stderr, "%s\n", result.error.c_str());
+        } else {
+            renderLine(line, result);
+        }
+        if (result.error.empty()) {
+            for (const std::string& path : committed_) {
+                std::error_code ec;
+                const uintmax_t bytes = fs::file_size(path, ec);
+                if (ec) {
+                    result.error = "Error (batch): output '" + path + "' is missing after the render";
+                    break;
+                }
+                result.outputs.push_back({path, bytes});
+            }
+        }
+        if (result.error.empty()) {
+            try {
+                state_.writeRecord(line.number, line.text, result.outputs);
+            } catch (const std::exception& e) {
+                result.error = failureReport(e);
+            }
+        }
+        state_.removeJournal(line.number);
+        result.status = result.error.empty() ? "ok" : "failed";
+        result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+        finish(result);
+    }
+
+    // Runs the line as tessara-render would run it on the batch's context.
+    void renderLine(const ManifestLine& line, LineResult& result)
+    {
+        committed_.clear();
+        LineOutputs outputs(state_, line.number);
+        std::vector<std::string> args = {"tessara-render"};
+        args.insert(args.end(), line.args.begin(), line.args.end());
+        std::vector<char*> argv;
+        for (std::string& a : args)
+            argv.push_back(&a[0]);
+        argv.push_back(nullptr);
+
+        JobOptions options;
+        try {
+            const ParseAction action = parseOptions(int(args.size()), argv.data(), options);
+            if (action == ParseAction::PrintVersion) {
+                std::printf("version: %s\n", kVersionText);
+                std::fflush(stdout);
+                return;
+            }
+            ensureContext();
+            resetContextState();
+            globalTimer().start = StageTimer::now();
+            globalTimer().pausedAt = 0.0;
+            resetPeakMemory();
+            setStageListener([&result](const std::string& timer, const char* stage, double seconds) {
+                result.stages.emplace_back(timer.empty() || timer == stage ? std::string(stage) : timer + " " + stage,
+                                           seconds);
+            });
+            OutputFileObserver* previous = setOutputFileObserver(&outputs);
+            struct Detach {
+                OutputFileObserver* previous;
+                ~Detach()
+                {
+                    setOutputFileObserver(previous);
+                    setStageListener(nullptr);
+                }
+            } detach{previous};
+            if (action == ParseAction::PrintVersionAndGL) {
+                std::printf("version: %s\n%s", kVersionText, glInfoReport().c_str());
+                std::fflush(stdout);
+            } else if (runRenderJob(options) != 0) {
+                result.error = "Error (tonemapping only): unsupported image dimensions, the input was only "
+                               "tone-mapped to a JPEG";
+            }
+        } catch (const UsageError& e) {
+            std::fputs(usageText(e.what(), "tessara-render").c_str(), stdout);
+            std::fflush(stdout);
+            result.error = std::string("Error: ") + e.what();
+        } catch (const std::exception& e) {
+            result.error = failureReport(e);
+            std::fprintf(stderr, "%s\n", result.error.c_str());
+        } catch (...) {
+            result.error = "Error (unknown): an exception of unknown type";
+            std::fprintf(stderr, "%s\n", result.error.c_str());
+        }
+        result.peakMemoryMB = peakMemoryMB();
+        committed_ = outputs.paths;
+    }
+
+    // The GL context is started on the first line that renders: a rerun
+    // that finds every line done never starts an X server.
+    void ensureContext()
+    {
+        if (session_)
+            return;
+        Imf::setGlobalThreadCount(int(exrThreadCount(std::thread::hardware_concurrency())));
+        session_ = std::make_unique<ContextSession>(argc_, argv_);
+        finishStage("GL_CONTEXT");
+    }
+
+    void finish(const LineResult& result)
+    {
+        ++done_;
+        if (result.status == "failed")
+            ++failed_;
+        std::string progress = "[" + std::to_string(done_) + "/" + std::to_string(total_) + "] " + result.input + " ";
+        if (result.status == "ok")
+            progress += formatText("ok %.2f s", result.seconds);
+        else if (result.status == "failed")
+            progress += "failed: " + result.error;
+        else
+            progress += "skipped";
+        std::fprintf(stderr, "%s\n", progress.c_str());
+        std::fflush(stderr);
+        if (report_) {
+            const std::string line = reportLine(result) + "\n";
+            // One write per record: tasks appending to one report do not interleave.
+            if (::write(fileno(report_), line.data(), line.size()) != ssize_t(line.size()))
+                std::fprintf(stderr, "tessara-batch: writing the report failed\n");
+        }
+    }
+
+    int& argc_;
+    char** argv_;
+    const BatchOptions& options_;
+    StateDir state_;
+    FILE* report_;
+    std::unique_ptr<ContextSession> session_;
+    std::vector<std::string> committed_;
+    size_t total_ = 0;
+    size_t done_ = 0;
+    size_t failed_ = 0;
+};
+
+std::string absolute(const std::string& path) { return path.empty() ? path : fs::absolute(path).string(); }
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    BatchOptions options = parseBatchOptions(argc, argv);
+    try {
+        Shard shard;
+        shard.source = "no sharding";
+        if (options.shard == "auto")
+            shard = shardFromEnvironment([](const char* name) { return std::getenv(name); }, options.shards);
+        else if (!options.shard.empty())
+            shard = parseShard(options.shard);
+
+        const std::vector<ManifestLine> manifest = readManifest(options.manifest);
+        const fs::path manifestPath = fs::absolute(options.manifest);
+        if (options.stateDir.empty())
+            options.stateDir = manifestPath.string() + ".state";
+        StateDir state(absolute(options.stateDir));
+
+        FILE* report = nullptr;
+        if (!options.report.empty()) {
+            report = std::fopen(absolute(options.report).c_str(), "a");
+            if (!report)
+                throw std::runtime_error("Failed to open file '" + options.report + "'");
+        }
+
+        std::vector<const ManifestLine*> selected;
+        for (size_t i = 0; i < manifest.size(); ++i)
+            if (shard.takes(i))
+                selected.push_back(&manifest[i]);
+        std::fprintf(stderr, "tessara-batch: shard %d/%d (%s): %zu of %zu lines\n", shard.index, shard.count,
+                     shard.source.c_str(), selected.size(), manifest.size());
+
+        // Paths in the lines are relative to the manifest's folder.
+        if (::chdir(manifestPath.parent_path().c_str()) != 0)
+            throw std::runtime_error("Cannot enter the manifest's folder '" + manifestPath.parent_path().string() + "'");
+
+        const int status = Batch(argc, argv, options, std::move(state), report).run(selected);
+        if (report)
+            std::fclose(report);
+        return status;
+    } catch (const std::invalid_argument& e) {
+        std::fprintf(stderr, "tessara-batch: %s\n", e.what());
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "%s\n", failureReport(e).c_str());
+    }
+    return kUsageStatus;
+}
