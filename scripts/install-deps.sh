@@ -3,7 +3,8 @@
 # Idempotent and quiet: packages already present are not touched.
 set -e
 PKGS="cmake g++ pkg-config qtbase5-dev libglew-dev libopenexr-dev libimath-dev libjpeg-dev \
-libboost-dev dcraw libjpeg-turbo-progs xvfb xauth libgtest-dev openexr time"
+libboost-dev dcraw libjpeg-turbo-progs xvfb xauth libgtest-dev openexr time \
+slurm-wlm munge"
 missing=""
 for p in $PKGS; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing="$missing $p"

@@ -1,0 +1,98 @@
+// tessara-batch against single tessara-render runs: the same files, bytes and
+// console lines per line, also right after a failed line; names with blanks,
+// quotes and '$' reach the renderer as written; reruns skip what is done.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+
+#include "RunProgram.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Console lines with the seconds of the stage lines blanked out, without the
+// context start-up lines that a batch prints once.
+std::vector<std::string> consoleLines(const std::string& text)
+{
+    static const std::regex seconds(": [0-9]+\\.[0-9]+s$");
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (line.find("GL_CONTEXT") == std::string::npos && line.find("OpenGL Version") == std::string::npos &&
+            line.find("XDG_RUNTIME_DIR") == std::string::npos)
+            lines.push_back(std::regex_replace(line, seconds, ": Xs"));
+    return lines;
+}
+
+// The part of the batch's standard error that belongs to line `k` of `n`.
+std::string sectionOf(const std::string& err, int k, int n)
+{
+    const std::string before = "[" + std::to_string(k - 1) + "/" + std::to_string(n) + "]";
+    const size_t from = k == 1 ? err.find("lines\n") + 6 : err.find('\n', err.find(before)) + 1;
+    return err.substr(from, err.find("[" + std::to_string(k) + "/" + std::to_string(n) + "]") - from);
+}
+
+}  // namespace
+
+TEST(Batch, LinesRenderAsSingleRunsAndRerunsSkipThem)
+{
+    TempDir dir;
+    const RunResult made = runProgram({binPath("tessara-make-capture"),
+                                       std::string(TESSARA_SOURCE_DIR) + "/tests/data/panoramas/courtyard.exr",
+                                       dir / "we 'ird' $x", "--scale", "0.05", "--supersample", "1"});
+    ASSERT_EQ(made.status, 0) << made.err;
+    fs::create_directories(dir / "out");
+    fs::create_directories(dir / "single");
+    const std::string options = " --er-width 1200 --er-jpg --cf-jpg --cf-width 128";
+    std::ofstream(dir / "m.txt") << "\"we 'ird' \\$x/capture.pts\"" << options << " --output-prefix 'out/a \"b\" $c'\n"
+                                 << "# comment\n"
+                                 << "missing.pts --er-jpg\n"
+                                 << "we\\ \\'ird\\'\\ \\$x/capture.pts" << options << " --output-prefix out/after\n";
+
+    const RunResult batch = runProgram({binPath("tessara-batch"), dir / "m.txt", "--report", dir / "r.jsonl"});
+    EXPECT_EQ(batch.status, 1) << batch.err;
+    const RunResult single = runRenderer({dir / "we 'ird' $x/capture.pts", "--er-width", "1200", "--er-jpg", "--cf-jpg",
+                                          "--cf-width", "128", "--output-prefix", dir / "single/p"});
+    ASSERT_EQ(single.status, 0) << single.err;
+
+    for (const char* suffix : {".jpg", "_r.jpg", "_l.jpg", "_u.jpg", "_d.jpg", "_b.jpg", "_f.jpg"}) {
+        const std::string expected = readFile(dir / "single/p" + suffix);
+        EXPECT_FALSE(expected.empty());
+        EXPECT_EQ(readFile(dir / "out/a \"b\" $c" + suffix), expected) << suffix;
+        EXPECT_EQ(readFile(dir / "out/after" + suffix), expected) << suffix;
+    }
+    ASSERT_GT(consoleLines(single.err).size(), 10u);
+    EXPECT_EQ(consoleLines(sectionOf(batch.err, 1, 3)), consoleLines(single.err));
+    EXPECT_EQ(consoleLines(sectionOf(batch.err, 3, 3)), consoleLines(single.err));
+    EXPECT_NE(batch.err.find("[2/3] missing.pts failed: Error ("), std::string::npos) << batch.err;
+    const std::string report = readFile(dir / "r.jsonl");
+    EXPECT_EQ(countLinesWith(report, "\"status\":\"ok\""), 2) << report;
+    EXPECT_EQ(countLinesWith(report, "{\"line\":3,\"input\":\"missing.pts\",\"status\":\"failed\",\"error\":\"Error ("), 1)
+        << report;
+
+    // Done lines are skipped; a removed output or --force renders again.
+    fs::remove(dir / "out/after_u.jpg");
+    const RunResult rerun = runProgram({binPath("tessara-batch"), dir / "m.txt"});
+    EXPECT_EQ(rerun.status, 1);
+    EXPECT_NE(rerun.err.find("[1/3] we 'ird' $x/capture.pts skipped"), std::string::npos) << rerun.err;
+    EXPECT_NE(rerun.err.find("[3/3] we 'ird' $x/capture.pts ok"), std::string::npos) << rerun.err;
+    EXPECT_TRUE(fs::exists(dir / "out/after_u.jpg"));
+    const RunResult forced = runProgram({binPath("tessara-batch"), dir / "m.txt", "--force", "--shard", "0/2"});
+    EXPECT_NE(forced.err.find("[2/2] we 'ird' $x/capture.pts ok"), std::string::npos) << forced.err;
+}
+
+TEST(Batch, UsageErrorsAndUnreadableManifestsEndWith255)
+{
+    TempDir dir;
+    std::ofstream(dir / "m.txt") << "a.pts\n";
+    EXPECT_EQ(runProgram({binPath("tessara-batch"), dir / "missing.txt"}).status, 255);
+    EXPECT_EQ(runProgram({binPath("tessara-batch"), dir / "m.txt", "--shard", "2/2"}).status, 255);
+    EXPECT_EQ(runProgram({binPath("tessara-batch"), dir / "m.txt", "--bogus"}).status, 255);
+    const RunResult noArray = runProgram({binPath("tessara-batch"), dir / "m.txt", "--shard", "auto"});
+    EXPECT_EQ(noArray.status, 255);
+    EXPECT_NE(noArray.err.find("SLURM_ARRAY_TASK_ID"), std::string::npos) << noArray.err;
+    EXPECT_FALSE(fs::exists(dir / "m.txt.state/line-000001.lock"));
+}
