@@ -98,6 +98,7 @@ void StateDir::writeRecord(int lineNumber, const std::string& lineText, const st
 {
     const std::string path = recordPath(lineNumber, lineText);
     AtomicOutputFile file(path);
+    journalTempFile(lineNumber, file.tempPath());  // a kill now leaves nothing behind either
     {
         std::ofstream out(file.tempPath(), std::ios::binary | std::ios::trunc);
         out << kRecordHeader << "\ntext " << lineText << "\n";
