@@ -44,12 +44,15 @@ TEST(Batch, LinesRenderAsSingleRunsAndRerunsSkipThem)
                                        std::string(TESSARA_SOURCE_DIR) + "/tests/data/panoramas/courtyard.exr",
                                        dir / "we 'ird' $x", "--scale", "0.05", "--supersample", "1"});
     ASSERT_EQ(made.status, 0) << made.err;
+    // A source that is not a JPEG fails the stitch half way, with GL objects bound.
+    fs::copy(dir / "we 'ird' $x", dir / "broken");
+    std::ofstream(dir / "broken/capture-02.jpg") << "not a jpeg";
     fs::create_directories(dir / "out");
     fs::create_directories(dir / "single");
     const std::string options = " --er-width 1200 --er-jpg --cf-jpg --cf-width 128";
     std::ofstream(dir / "m.txt") << "\"we 'ird' \\$x/capture.pts\"" << options << " --output-prefix 'out/a \"b\" $c'\n"
                                  << "# comment\n"
-                                 << "missing.pts --er-jpg\n"
+                                 << "broken/capture.pts --er-width 1200 --er-jpg\n"
                                  << "we\\ \\'ird\\'\\ \\$x/capture.pts" << options << " --output-prefix out/after\n";
 
     const RunResult batch = runProgram({binPath("tessara-batch"), dir / "m.txt", "--report", dir / "r.jsonl"});
@@ -67,11 +70,12 @@ TEST(Batch, LinesRenderAsSingleRunsAndRerunsSkipThem)
     ASSERT_GT(consoleLines(single.err).size(), 10u);
     EXPECT_EQ(consoleLines(sectionOf(batch.err, 1, 3)), consoleLines(single.err));
     EXPECT_EQ(consoleLines(sectionOf(batch.err, 3, 3)), consoleLines(single.err));
-    EXPECT_NE(batch.err.find("[2/3] missing.pts failed: Error ("), std::string::npos) << batch.err;
+    EXPECT_NE(batch.err.find("[2/3] broken/capture.pts failed: Error ("), std::string::npos) << batch.err;
     const std::string report = readFile(dir / "r.jsonl");
     EXPECT_EQ(countLinesWith(report, "\"status\":\"ok\""), 2) << report;
-    EXPECT_EQ(countLinesWith(report, "{\"line\":3,\"input\":\"missing.pts\",\"status\":\"failed\",\"error\":\"Error ("), 1)
-        << report;
+    EXPECT_EQ(countLinesWith(report, "{\"line\":3,\"input\":\"broken/capture.pts\",\"status\":\"failed\",\"error\":\"Error ("),
+              1) << report;
+    EXPECT_NE(report.find("capture-02.jpg"), std::string::npos) << report;
 
     // Done lines are skipped; a removed output or --force renders again.
     fs::remove(dir / "out/after_u.jpg");
