@@ -14,7 +14,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 batch=${TESSARA_BATCH:-$root/build/bin/tessara-batch}
 
-usage() { sed -n '4,5p' "$0" | sed 's/^# *//' >&2; exit 2; }
+usage() { sed -n '5p' "$0" | sed 's/^# *//' >&2; exit 2; }
 [ $# -ge 1 ] || usage
 manifest=$(realpath -- "$1")
 shift

@@ -133,7 +133,7 @@ MANIFEST
 broken_line=5
 cp -r "$work" "$tmp/single"
 
-cd "$tmp"
+cd "$tmp" || fail "cannot enter $tmp"
 submit() { # report file; prints the job id, returns sbatch's status
     "$root/scripts/slurm-batch.sh" "$work/manifest.txt" --tasks 3 --wait -- --report "$1"
 }
@@ -145,7 +145,7 @@ echo "job $job: sbatch --wait status $status after $(awk -v a="$started" -v b="$
 [ "$(wc -l <"$tmp/report1.jsonl")" -eq 9 ] || fail "report has $(wc -l <"$tmp/report1.jsonl") lines, not 9"
 
 # The same lines one tessara-render process each, in a copy of the folder.
-cd "$tmp/single"
+cd "$tmp/single" || fail "cannot enter $tmp/single"
 while read -r line; do
     case $line in ''|'#'*) continue ;; esac
     read -ra args <<<"$line"
