@@ -1,5 +1,5 @@
-// Command line: option hashes, the parsing loop and its failures, the usage
-// text, the OpenEXR thread sizing and the top-level failure line.
+// Command line: option hashes, parsing and its failures, the usage text, the
+// OpenEXR thread sizing and the top-level failure line.
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -12,229 +12,161 @@
 
 namespace {
 
-// Holds the argument texts and a null-terminated argv over them, as the
-// process entry receives it.
-class Args {
-public:
-    Args(std::initializer_list<std::string> args) : texts_(args)
-    {
-        for (auto& t : texts_)
-            argv_.push_back(t.data());
-        argv_.push_back(nullptr);
-    }
-    int argc() const { return int(texts_.size()); }
-    char** argv() { return argv_.data(); }
+ParseAction parse(std::vector<std::string> args, JobOptions& options)
+{
+    std::vector<char*> argv;
+    for (auto& a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    return parseOptions(int(args.size()), argv.data(), options);
+}
 
-private:
-    std::vector<std::string> texts_;
-    std::vector<char*> argv_;
-};
-
-ParseAction parse(Args args, JobOptions& options) { return parseOptions(args.argc(), args.argv(), options); }
-
-JobOptions parsed(Args args)
+JobOptions parsed(std::vector<std::string> args)
 {
     JobOptions options;
     EXPECT_EQ(parse(std::move(args), options), ParseAction::RunJob);
     return options;
 }
 
-// Hash with the bytes taken as unsigned, to show that sign extension matters.
-uint32_t unsignedByteHash(const std::string& s)
+std::string usageErrorOf(std::vector<std::string> args)
 {
-    uint32_t h = 5381;
-    for (size_t i = s.size(); i > 0; --i)
-        h = (h * 33u) ^ static_cast<unsigned char>(s[i - 1]);
-    return h;
+    JobOptions o;
+    try {
+        parse(std::move(args), o);
+    } catch (const UsageError& e) {
+        return e.what();
+    }
+    return "(no usage error)";
 }
+
+std::string logicErrorOf(const char* option)
+{
+    JobOptions o;
+    try {
+        parse({"r", "in.tsp", option}, o);
+    } catch (const UsageError&) {
+        return "usage error";
+    } catch (const std::logic_error& e) {
+        return e.what();
+    }
+    return "no error";
+}
+
+struct LocalError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 }  // namespace
 
-TEST(OptionHash, MatchesTheOptionTable)
+TEST(OptionHash, MatchesTheOptionTableWithSignExtendedBytes)
 {
     const struct { const char* text; uint32_t hash; } table[] = {
         {"--output-prefix", 0xc19c3b47}, {"--er-width", 0x88cbd9},   {"--cf-width", 0x7dedcb},
         {"--er-exr", 0x194a71d0},        {"--er-hdr", 0x66835f61},   {"--er-jpg", 0x47802182},
         {"--cf-exr", 0x193f93c2},        {"--cf-jpg", 0x4786be90},   {"--no-auto-level", 0x32f09c1d},
         {"--logo", 0x655cb82e},          {"--exr-compression", 0xb3e1f509},
-        {"-v", 0x59701e},                {"-V", 0x59747e},
+        {"-v", 0x59701e},                {"-V", 0x59747e},           {"", 5381},
+        {"\xE9", (5381u * 33u) ^ 0xFFFFFFE9u},  // 0xE9 enters as a sign-extended char
     };
     for (const auto& row : table)
         EXPECT_EQ(optionHash(row.text), row.hash) << row.text;
-    EXPECT_EQ(optionHash(""), 5381u);
-}
 
-TEST(OptionHash, NonAsciiBytesAreSignExtended)
-{
-    // 0xE9 XORs as 0xFFFFFFE9: the top 24 bits flip.
-    EXPECT_EQ(optionHash("\xE9"), (5381u * 33u) ^ 0xFFFFFFE9u);
-    EXPECT_NE(optionHash("\xE9"), unsignedByteHash("\xE9"));
-}
-
-TEST(ParseOptions, DefaultsFromTheInputPath)
-{
-    const JobOptions o = parsed({"tessara-render", "/data/pano/shot.tsp"});
-    EXPECT_EQ(o.inputPath, "/data/pano/shot.tsp");
-    EXPECT_EQ(o.outputPrefix, "/data/pano/shot");
-    EXPECT_EQ(o.thumbnailPath, "/data/pano/shot thumbnail.jpg");
-    EXPECT_TRUE(o.logoPath.empty());
-    EXPECT_EQ(o.exrCompression, "dwa");
-    EXPECT_EQ(o.erWidth, 0);
-    EXPECT_EQ(o.cfWidth, 0);
-    EXPECT_TRUE(o.autoLevel);
-    EXPECT_FALSE(o.writeErExr || o.writeErHdr || o.writeErJpg || o.writeCfExr || o.writeCfJpg);
-
-    // Only the last extension goes; a name without one is its own prefix.
-    EXPECT_EQ(parsed({"r", "a.b.pts"}).outputPrefix, "a.b");
-    EXPECT_EQ(parsed({"r", "capture"}).outputPrefix, "capture");
-}
-
-TEST(ParseOptions, EveryOptionTakesEffect)
-{
-    const JobOptions o = parsed({"r", "in.pts", "--output-prefix", "out/pano", "--er-width", "8000",
-                                 "--cf-width", "2048", "--er-exr", "--er-hdr", "--er-jpg", "--cf-exr",
-                                 "--cf-jpg", "--no-auto-level", "--logo", "logo.jpg", "--exr-compression",
-                                 "piz"});
-    EXPECT_EQ(o.inputPath, "in.pts");
-    EXPECT_EQ(o.outputPrefix, "out/pano");
-    EXPECT_EQ(o.thumbnailPath, "out/pano thumbnail.jpg");  // formed after all options
-    EXPECT_EQ(o.erWidth, 8000);
-    EXPECT_EQ(o.cfWidth, 2048);
-    EXPECT_TRUE(o.writeErExr && o.writeErHdr && o.writeErJpg && o.writeCfExr && o.writeCfJpg);
-    EXPECT_FALSE(o.autoLevel);
-    EXPECT_EQ(o.logoPath, "logo.jpg");
-    EXPECT_EQ(o.exrCompression, "piz");  // not checked here
-}
-
-TEST(ParseOptions, LaterOptionsOverrideEarlierOnes)
-{
-    const JobOptions o = parsed({"r", "in.tsp", "--er-width", "4000", "--output-prefix", "a", "--er-width",
-                                 "2400", "--output-prefix", "b/"});
-    EXPECT_EQ(o.erWidth, 2400);
-    EXPECT_EQ(o.outputPrefix, "b/");
-    EXPECT_EQ(o.thumbnailPath, "b/ thumbnail.jpg");
-}
-
-TEST(ParseOptions, WidthsUseTheStandardConversion)
-{
-    EXPECT_EQ(parsed({"r", "in.tsp", "--er-width", "8k"}).erWidth, 8);  // stops at the first non-digit
-    EXPECT_EQ(parsed({"r", "in.tsp", "--cf-width", "-512"}).cfWidth, -512);
-    JobOptions o;
-    try {
-        parse({"r", "in.tsp", "--er-width", "k8"}, o);
-        FAIL() << "k8 was accepted";
-    } catch (const std::invalid_argument& e) {
-        EXPECT_STREQ(e.what(), "stoi");
-    }
-    EXPECT_THROW(parse({"r", "in.tsp", "--cf-width", "99999999999"}, o), std::out_of_range);
-}
-
-TEST(ParseOptions, ValueOptionGivenLastFailsAsAnException)
-{
-    for (const char* option : {"--er-width", "--cf-width", "--output-prefix", "--logo", "--exr-compression"}) {
-        JobOptions o;
-        try {
-            parse({"r", "in.tsp", option}, o);
-            ADD_FAILURE() << option << " without a value was accepted";
-        } catch (const UsageError&) {
-            ADD_FAILURE() << option << " reported as a usage error";
-        } catch (const std::logic_error& e) {
-            EXPECT_STREQ(e.what(), "basic_string: construction from null is not valid") << option;
-        }
-    }
-}
-
-TEST(ParseOptions, UsageErrors)
-{
-    JobOptions o;
-    const auto messageOf = [&](Args args) {
-        try {
-            parse(std::move(args), o);
-        } catch (const UsageError& e) {
-            return std::string(e.what());
-        }
-        return std::string("(no usage error)");
-    };
-    EXPECT_EQ(messageOf({"r"}), "at least one argument required");
-    EXPECT_EQ(messageOf({}), "at least one argument required");
-    EXPECT_EQ(messageOf({"r", "in.tsp", "--bogus"}), "unknown option '--bogus'");
-    EXPECT_EQ(messageOf({"r", "in.tsp", "--er-jpg", "second.tsp"}), "unknown option 'second.tsp'");
-    // An empty argument is unknown, wherever it is.
-    EXPECT_EQ(messageOf({"r", "in.tsp", ""}), "unknown option ''");
-    EXPECT_EQ(parsed({"r", ""}).inputPath, "");
-}
-
-TEST(ParseOptions, FirstArgumentIsDispatchedToo)
-{
-    // An option's text as the only argument: the option acts and also names the input.
-    const JobOptions flag = parsed({"r", "--er-exr"});
-    EXPECT_TRUE(flag.writeErExr);
-    EXPECT_EQ(flag.inputPath, "--er-exr");
-
-    // A value option at index 1 consumes argument 2.
-    const JobOptions value = parsed({"r", "--er-width", "1200", "--er-jpg"});
-    EXPECT_EQ(value.inputPath, "--er-width");
-    EXPECT_EQ(value.erWidth, 1200);
-    EXPECT_TRUE(value.writeErJpg);
-}
-
-TEST(ParseOptions, VersionOptionsStopParsing)
-{
-    JobOptions o;
-    EXPECT_EQ(parse({"r", "in.tsp", "-v", "--bogus"}, o), ParseAction::PrintVersion);
-    EXPECT_EQ(parse({"r", "in.tsp", "-V", "--er-width"}, o), ParseAction::PrintVersionAndGL);
-    EXPECT_EQ(parse({"r", "-v"}, o), ParseAction::PrintVersion);
-    // Options before it are still read, and their failures come first.
-    EXPECT_THROW(parse({"r", "in.tsp", "--er-width", "x", "-v"}, o), std::invalid_argument);
-}
-
-TEST(ParseOptions, OnlyTheHashDecides)
-{
-    // "kp" hashes like "-v"; the UTF-8 text "\xD3\xA8" (U+04E8) like "-V", but
-    // only because its bytes are sign-extended.
-    ASSERT_EQ(optionHash("kp"), optionHash("-v"));
-    ASSERT_EQ(optionHash("\xD3\xA8"), optionHash("-V"));
-    ASSERT_NE(unsignedByteHash("\xD3\xA8"), optionHash("-V"));
+    // Only the hash decides: "kp" collides with "-v", the UTF-8 text U+04E8
+    // with "-V" (through the sign extension).
     JobOptions o;
     EXPECT_EQ(parse({"r", "in.tsp", "kp"}, o), ParseAction::PrintVersion);
     EXPECT_EQ(parse({"r", "in.tsp", "\xD3\xA8"}, o), ParseAction::PrintVersionAndGL);
 }
 
-TEST(UsageText, ExactText)
+TEST(ParseOptions, DefaultsAndEveryOption)
+{
+    const JobOptions d = parsed({"tessara-render", "/data/pano/shot.tsp"});
+    EXPECT_EQ(d.inputPath, "/data/pano/shot.tsp");
+    EXPECT_EQ(d.outputPrefix, "/data/pano/shot");
+    EXPECT_EQ(d.thumbnailPath, "/data/pano/shot thumbnail.jpg");
+    EXPECT_TRUE(d.logoPath.empty());
+    EXPECT_EQ(d.exrCompression, "dwa");
+    EXPECT_EQ(d.erWidth, 0);
+    EXPECT_EQ(d.cfWidth, 0);
+    EXPECT_TRUE(d.autoLevel);
+    EXPECT_FALSE(d.writeErExr || d.writeErHdr || d.writeErJpg || d.writeCfExr || d.writeCfJpg);
+    // Only the last extension goes; a name without one is its own prefix.
+    EXPECT_EQ(parsed({"r", "a.b.pts"}).outputPrefix, "a.b");
+    EXPECT_EQ(parsed({"r", "capture"}).outputPrefix, "capture");
+
+    const JobOptions o = parsed({"r", "in.pts", "--output-prefix", "x", "--er-width", "8000", "--cf-width", "2048",
+                                 "--no-auto-level", "--logo", "logo.jpg", "--exr-compression", "piz",
+                                 "--output-prefix", "out/pano"});
+    EXPECT_EQ(o.outputPrefix, "out/pano");  // the later one wins
+    EXPECT_EQ(o.thumbnailPath, "out/pano thumbnail.jpg");
+    EXPECT_EQ(o.erWidth, 8000);
+    EXPECT_EQ(o.cfWidth, 2048);
+    EXPECT_FALSE(o.autoLevel);
+    EXPECT_EQ(o.logoPath, "logo.jpg");
+    EXPECT_EQ(o.exrCompression, "piz");
+
+    // Each output flag sets its own output and no other.
+    const struct { const char* flag; bool JobOptions::*field; } flags[] = {
+        {"--er-exr", &JobOptions::writeErExr}, {"--er-hdr", &JobOptions::writeErHdr},
+        {"--er-jpg", &JobOptions::writeErJpg}, {"--cf-exr", &JobOptions::writeCfExr},
+        {"--cf-jpg", &JobOptions::writeCfJpg}};
+    for (const auto& f : flags) {
+        const JobOptions one = parsed({"r", "in.pts", f.flag});
+        for (const auto& g : flags)
+            EXPECT_EQ(one.*g.field, &g == &f) << f.flag << " set " << g.flag;
+    }
+
+    // An option's text as the first argument acts and also names the input;
+    // a value option there consumes the next argument.
+    const JobOptions first = parsed({"r", "--er-width", "1200", "--er-jpg"});
+    EXPECT_EQ(first.inputPath, "--er-width");
+    EXPECT_EQ(first.erWidth, 1200);
+    EXPECT_TRUE(first.writeErJpg);
+}
+
+TEST(ParseOptions, Failures)
+{
+    EXPECT_EQ(usageErrorOf({"r"}), "at least one argument required");
+    EXPECT_EQ(usageErrorOf({}), "at least one argument required");
+    EXPECT_EQ(usageErrorOf({"r", "in.tsp", "--bogus"}), "unknown option '--bogus'");
+    EXPECT_EQ(usageErrorOf({"r", "in.tsp", "--er-jpg", "second.tsp"}), "unknown option 'second.tsp'");
+    EXPECT_EQ(usageErrorOf({"r", "in.tsp", ""}), "unknown option ''");
+    EXPECT_EQ(parsed({"r", ""}).inputPath, "");
+
+    // Widths go through std::stoi: its prefix rule and its exceptions.
+    EXPECT_EQ(parsed({"r", "in.tsp", "--er-width", "8k"}).erWidth, 8);
+    EXPECT_EQ(parsed({"r", "in.tsp", "--cf-width", "-512"}).cfWidth, -512);
+    JobOptions o;
+    EXPECT_THROW(parse({"r", "in.tsp", "--er-width", "k8"}, o), std::invalid_argument);
+    EXPECT_THROW(parse({"r", "in.tsp", "--cf-width", "99999999999"}, o), std::out_of_range);
+
+    // A value option given last fails like constructing a string from null.
+    for (const char* option : {"--er-width", "--cf-width", "--output-prefix", "--logo", "--exr-compression"})
+        EXPECT_EQ(logicErrorOf(option), "basic_string: construction from null is not valid") << option;
+
+    // Version options stop parsing; options before them still fail first.
+    EXPECT_EQ(parse({"r", "in.tsp", "-v", "--bogus"}, o), ParseAction::PrintVersion);
+    EXPECT_EQ(parse({"r", "in.tsp", "-V", "--er-width"}, o), ParseAction::PrintVersionAndGL);
+    EXPECT_THROW(parse({"r", "in.tsp", "--er-width", "x", "-v"}, o), std::invalid_argument);
+}
+
+TEST(JobEntry, UsageThreadsAndFailureReport)
 {
     EXPECT_EQ(usageText("unknown option '--bogus'", "./tessara-render"),
               "Error: unknown option '--bogus'\n"
               "Usage: ./tessara-render <pts/tsp/hdr/exr file> [--output-prefix basename] [--er-width width] "
               "[--cf-width width] [--er-exr] [--er-hdr] [--er-jpg] [--cf-exr] [--cf-jpg] [--no-auto-level] "
               "[--logo jpg file] [--exr-compression b44|dwa|piz|zip]\n");
-    // Texts are inserted, never interpreted as a format.
-    EXPECT_EQ(usageText("%s%n", "p").substr(0, 12), "Error: %s%n\n");
-}
+    EXPECT_EQ(usageText("%s%n", "p").substr(0, 12), "Error: %s%n\n");  // inserted, never a format
 
-TEST(JobEntry, ExrThreadCountIsClampedToTwoToSixteen)
-{
-    EXPECT_EQ(exrThreadCount(0), 2u);  // unknown core count
-    EXPECT_EQ(exrThreadCount(1), 2u);
-    EXPECT_EQ(exrThreadCount(2), 2u);
-    EXPECT_EQ(exrThreadCount(7), 7u);
-    EXPECT_EQ(exrThreadCount(16), 16u);
-    EXPECT_EQ(exrThreadCount(64), 16u);
-}
+    const unsigned threads[][2] = {{0, 2}, {1, 2}, {2, 2}, {7, 7}, {16, 16}, {64, 16}};
+    for (const auto& t : threads)
+        EXPECT_EQ(exrThreadCount(t[0]), t[1]) << t[0];
 
-namespace {
-struct LocalError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-}  // namespace
-
-TEST(JobEntry, FailureReportUsesTheRawTypeName)
-{
     EXPECT_EQ(failureReport(opengl_error("shader failed")), "Error (12opengl_error): shader failed");
     EXPECT_EQ(failureReport(std::invalid_argument("stoi")), "Error (St16invalid_argument): stoi");
-    // Reported through a base reference: the dynamic type counts.
-    const std::exception& base = std::runtime_error("Error opening file 'x'");
-    EXPECT_EQ(failureReport(base), "Error (St13runtime_error): Error opening file 'x'");
-    // A type with internal linkage is marked with '*' in GCC's type data; the
-    // report never shows that mark.
+    const std::exception& base = std::runtime_error("x");  // the dynamic type counts
+    EXPECT_EQ(failureReport(base), "Error (St13runtime_error): x");
+    // GCC marks types with internal linkage with '*'; the report drops it.
     EXPECT_EQ(failureReport(LocalError("m")), "Error (N12_GLOBAL__N_110LocalErrorE): m");
 }

@@ -6,156 +6,76 @@
 #include <cmath>
 #include <cstdlib>
 #include <stdexcept>
-#include <string>
 
 #include "passes/CubeFaces.h"
 #include "passes/Logo.h"
 
 namespace {
-
-// Sets LOGO_FOV for the scope of a test and restores the previous state.
-class LogoFovEnv {
-public:
-    explicit LogoFovEnv(const char* value)
-    {
-        if (const char* old = std::getenv("LOGO_FOV"))
-            old_ = old, hadOld_ = true;
-        if (value)
-            setenv("LOGO_FOV", value, 1);
-        else
-            unsetenv("LOGO_FOV");
-    }
-    ~LogoFovEnv()
-    {
-        if (hadOld_)
-            setenv("LOGO_FOV", old_.c_str(), 1);
-        else
-            unsetenv("LOGO_FOV");
-    }
-
-private:
-    std::string old_;
-    bool hadOld_ = false;
-};
-
-// The band of a W x W/2 panorama with the default 18 degrees.
+// The band of a 2000 x 1000 panorama with the default 18 degrees and a
+// 300 x 200 logo (inscribed circle of radius 100).
 struct Band {
     int W = 2000, H = 1000, n = logoTileCount(2000), tileW = W / n, th = logoBandHeight(18.0f, H);
-    float outFovX = 360.0f / float(n), fovTotal = 36.0f;
-    int inW = 300, inH = 200;  // a non-square logo: its inscribed circle has radius 100
+    int inW = 300, inH = 200;
+    double cx = (inW - 1) / 2.0, cy = (inH - 1) / 2.0;
 
     // Logo position sampled at panorama position (X, Y), pixel centres at integers.
     std::array<double, 2> sampleAt(double X, double Y) const
     {
         const int tile = std::min(n - 1, int(std::floor((X + 0.5) / tileW)));
-        const double x = X + 0.5 - tile * tileW, y = Y + 0.5 - (H - th);
-        return logoSamplePosition(logoCameraMatrix(tile, n), x, y, outFovX, fovTotal, inW, inH, tileW, th);
-    }
-    std::array<double, 2> sampleDirection(const std::array<double, 3>& d) const
-    {
-        const double lon = std::atan2(d[0], d[2]) * 180 / M_PI;
-        const double lat = std::asin(d[1]) * 180 / M_PI;
-        return sampleAt(lon * W / 360 + (W - 1) / 2.0, (H - 1) / 2.0 - lat * H / 180);
+        return logoSamplePosition(logoCameraMatrix(tile, n), X + 0.5 - tile * tileW, Y + 0.5 - (H - th),
+                                  360.0f / float(n), 36.0f, inW, inH, tileW, th);
     }
 };
-
 }  // namespace
 
-TEST(FinishLogoGeometry, TilesAndBandHeight)
+TEST(FinishLogoGeometry, TilesBandHeightAndFov)
 {
     EXPECT_EQ(logoTileCount(21000), 5);
     EXPECT_EQ(logoTileCount(24606), 6);
-    EXPECT_EQ(21000 / logoTileCount(21000), 4200);
     EXPECT_EQ(logoBandHeight(18.0f, 10500), 1050);
     EXPECT_EQ(logoBandHeight(36.0f, 10500), 2100);
     EXPECT_EQ(logoBandHeight(18.0f, 999), 99);  // truncated, not rounded (99.9)
-}
 
-TEST(FinishLogoGeometry, FovFromEnvironment)
-{
-    {
-        LogoFovEnv env(nullptr);
-        EXPECT_FLOAT_EQ(logoFov(), 18.0f);
-    }
-    {
-        LogoFovEnv env("36");
-        EXPECT_FLOAT_EQ(logoFov(), 36.0f);
-    }
-    {
-        LogoFovEnv env("wide");
-        EXPECT_THROW(logoFov(), std::invalid_argument);
-    }
-}
-
-TEST(FinishLogoGeometry, CameraMatrixKeepsTheEpsilon)
-{
-    // Tile 0 of 5 sits at yaw 36 degrees; the pitch terms carry the
-    // single-precision cos(90 degrees) instead of 0.
-    const std::array<float, 9> m = logoCameraMatrix(0, 5);
-    const float yaw = 36.0f * 0.017453292f;
-    EXPECT_FLOAT_EQ(m[0], std::cos(yaw));
-    EXPECT_FLOAT_EQ(m[1], -std::sin(yaw));
-    EXPECT_FLOAT_EQ(m[4], -4.371139e-08f);
-    EXPECT_FLOAT_EQ(m[5], -1.0f);
-    EXPECT_FLOAT_EQ(m[6], std::sin(yaw));
-    EXPECT_NE(m[2], 0.0f);
-    // Tile 3 of 6: yaw (3.5 * 60) = 210 degrees.
-    const std::array<float, 9> m6 = logoCameraMatrix(3, 6);
-    EXPECT_FLOAT_EQ(m6[0], std::cos(210.0f * 0.017453292f));
-}
-
-TEST(FinishLogoMapping, ContinuousAcrossTileSeams)
-{
-    const Band band;
-    // The right edge of tile i and the left edge of tile i + 1 are the same
-    // panorama column boundary: they must sample the same logo point.
-    for (int i = 0; i + 1 < band.n; ++i)
-        for (double y : {0.5, 40.0, 99.5}) {
-            const auto a = logoSamplePosition(logoCameraMatrix(i, band.n), band.tileW, y, band.outFovX,
-                                              band.fovTotal, band.inW, band.inH, band.tileW, band.th);
-            const auto b = logoSamplePosition(logoCameraMatrix(i + 1, band.n), 0.0, y, band.outFovX,
-                                              band.fovTotal, band.inW, band.inH, band.tileW, band.th);
-            // Single-precision matrices: a thousandth of a logo pixel.
-            EXPECT_NEAR(a[0], b[0], 1e-3) << i;
-            EXPECT_NEAR(a[1], b[1], 1e-3) << i;
-        }
+    const char* old = std::getenv("LOGO_FOV");
+    const std::string saved = old ? old : "";
+    unsetenv("LOGO_FOV");
+    EXPECT_FLOAT_EQ(logoFov(), 18.0f);
+    setenv("LOGO_FOV", "36", 1);
+    EXPECT_FLOAT_EQ(logoFov(), 36.0f);
+    setenv("LOGO_FOV", "wide", 1);
+    EXPECT_THROW(logoFov(), std::invalid_argument);
+    old ? setenv("LOGO_FOV", saved.c_str(), 1) : unsetenv("LOGO_FOV");
 }
 
 TEST(FinishLogoMapping, RowsAreCirclesAboutTheLogoCentre)
 {
     const Band band;
-    const double cx = (band.inW - 1) / 2.0, cy = (band.inH - 1) / 2.0;
     double previous = 1e9;
     for (int row = 0; row < band.th; row += 9) {
-        const double Y = band.H - band.th + row;
         double lo = 1e9, hi = 0;
         for (int X = 0; X < band.W; X += 7) {
-            const auto p = band.sampleAt(X, Y);
-            const double r = std::hypot(p[0] - cx, p[1] - cy);
+            const auto p = band.sampleAt(X, band.H - band.th + row);
+            const double r = std::hypot(p[0] - band.cx, p[1] - band.cy);
             lo = std::min(lo, r);
             hi = std::max(hi, r);
         }
-        EXPECT_LT(hi - lo, 1e-3) << row;   // round and centred
-        EXPECT_LT(hi, 100.0) << row;       // inside the inscribed circle
-        EXPECT_LT(hi, previous) << row;    // shrinking towards the nadir
+        EXPECT_LT(hi - lo, 1e-3) << row;  // round and centred, also across tile seams
+        EXPECT_LT(hi, 100.0) << row;      // inside the inscribed circle
+        EXPECT_LT(hi, previous) << row;   // shrinking towards the nadir
         previous = hi;
     }
-    // The top row is the rim of the cap: nearly the full inscribed circle.
-    const auto top = band.sampleAt(0, band.H - band.th);
-    EXPECT_GT(std::hypot(top[0] - cx, top[1] - cy), 95.0);
+    const auto top = band.sampleAt(0, band.H - band.th);  // the rim of the cap
+    EXPECT_GT(std::hypot(top[0] - band.cx, top[1] - band.cy), 95.0);
 }
 
 TEST(FinishLogoMapping, UndistortedAndUprightInTheDownFace)
 {
-    // In the d face (a rectilinear view straight down, front at the top) the
-    // logo must be the image scaled uniformly: logo offset = K * face offset
-    // with K = (inscribed radius) / tan(18 degrees), same K for x and y, no
-    // turn and no mirror.
+    // In the d face (straight down, front at the top) the logo is the image
+    // scaled uniformly: logo offset = K * face offset with K = 100 / tan(18
+    // degrees), the same K for x and y, no turn and no mirror.
     const Band band;
-    const double cx = (band.inW - 1) / 2.0, cy = (band.inH - 1) / 2.0;
     const double K = 100.0 / std::tan(18.0 * M_PI / 180);
-    const int s = 512;
-    const int down = 3;
+    const int s = 512, down = 3;
     ASSERT_STREQ(kCubeFaces[down].letter, "d");
     double worst = 0;
     int checked = 0;
@@ -164,12 +84,12 @@ TEST(FinishLogoMapping, UndistortedAndUprightInTheDownFace)
             const double a = 2.0 * (i + 0.5) / s - 1.0, b = 2.0 * (j + 0.5) / s - 1.0;
             if (std::hypot(a, b) > std::tan(17.0 * M_PI / 180))
                 continue;  // outside the band
-            const auto p = band.sampleDirection(cubeFaceDirection(down, i, j, s));
-            worst = std::max(worst, std::hypot(p[0] - (cx + K * a), p[1] - (cy + K * b)));
+            const auto d = cubeFaceDirection(down, i, j, s);
+            const double lon = std::atan2(d[0], d[2]) * 180 / M_PI, lat = std::asin(d[1]) * 180 / M_PI;
+            const auto p = band.sampleAt(lon * band.W / 360 + (band.W - 1) / 2.0, (band.H - 1) / 2.0 - lat * band.H / 180);
+            worst = std::max(worst, std::hypot(p[0] - (band.cx + K * a), p[1] - (band.cy + K * b)));
             ++checked;
         }
     EXPECT_GT(checked, 100);
-    // Sampling the band at fractional panorama pixels is exact in the twin;
-    // the remaining error is single-precision matrix rounding.
-    EXPECT_LT(worst, 0.01);
+    EXPECT_LT(worst, 0.01);  // single-precision matrix rounding
 }

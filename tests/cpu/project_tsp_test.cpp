@@ -3,18 +3,18 @@
 
 #include <boost/property_tree/exceptions.hpp>
 #include <boost/property_tree/json_parser.hpp>
-#include <fstream>
 #include <string>
 
 #include "project/TspProject.h"
+#include "support/Support.h"
 
 namespace {
 
 std::string writeTsp(const std::string& name, const std::string& json)
 {
-    const std::string path = ::testing::TempDir() + name;
-    std::ofstream(path) << json;
-    return path;
+    static support::TempDir dir;
+    support::writeFile(dir / name, json);
+    return dir / name;
 }
 
 std::string slotsJson(int n)
@@ -91,7 +91,7 @@ TEST(TspProject, LensTextSelectsTheLayout)
 TEST(TspProject, ErrorsAreTheLibrarysOwn)
 {
     namespace pt = boost::property_tree;
-    EXPECT_THROW(loadTspProject(::testing::TempDir() + "missing.tsp"), pt::json_parser::json_parser_error);
+    EXPECT_THROW(loadTspProject(writeTsp("x.tsp", "") + ".missing"), pt::json_parser::json_parser_error);
     EXPECT_THROW(loadTspProject(writeTsp("broken.tsp", "{\"preview-ev\": \"0\", ")), pt::json_parser::json_parser_error);
     EXPECT_THROW(loadTspProject(writeTsp("binary.tsp", std::string("\x00\xff\x7f{{", 5))), pt::json_parser::json_parser_error);
     // Slot 5 missing.

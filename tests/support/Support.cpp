@@ -1,0 +1,202 @@
+#include "Support.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+namespace support {
+
+namespace {
+const bool g_subreaper = prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
+}
+
+TempDir::TempDir()
+{
+    std::error_code ec;
+    const fs::path base = !std::getenv("TMPDIR") && fs::is_directory("/dev/shm", ec) ? fs::path("/dev/shm")
+                                                                                     : fs::temp_directory_path();
+    std::string pattern = (base / "tessara-test-XXXXXX").string();
+    if (!mkdtemp(pattern.data()))
+        throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+}
+
+TempDir::~TempDir()
+{
+    std::error_code ec;
+    fs::remove_all(path_, ec);
+}
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void writeFile(const std::string& path, const std::string& bytes)
+{
+    std::ofstream out(path, std::ios::binary);
+    out.write(bytes.data(), std::streamsize(bytes.size()));
+    if (!out)
+        throw std::runtime_error("cannot write " + path);
+}
+
+std::string sourcePath(const std::string& relative) { return std::string(TESSARA_SOURCE_DIR) + "/tests/" + relative; }
+std::string binPath(const std::string& name) { return std::string(TESSARA_BIN_DIR) + "/" + name; }
+
+std::string errorOf(const std::function<void()>& f)
+{
+    try {
+        f();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "no error";
+}
+
+Image makeRgbeImage(int32_t w, int32_t h, uint32_t seed, int eMin, int eMax)
+{
+    Image img(w, h, 4);
+    std::mt19937 rng(seed);
+    for (int32_t y = 0; y < h; ++y)
+        for (int32_t x = 0; x < w; ++x) {
+            uint8_t* p = img.pixel(x, y);
+            if (((x / 13) + (y / 5)) % 3 == 0) {
+                p[0] = uint8_t(rng());
+                p[1] = uint8_t(rng());
+                p[2] = uint8_t(128 + rng() % 128);
+                p[3] = uint8_t(eMin + int(rng() % unsigned(eMax - eMin + 1)));
+            } else {
+                p[0] = uint8_t(128 + (x / 16) % 128);
+                p[1] = uint8_t(64 + (y * 3) % 64);
+                p[2] = 200;
+                p[3] = uint8_t(eMin + (x / 40 + y / 7) % (eMax - eMin + 1));
+            }
+            if ((x * 7 + y * 3) % 97 == 0)
+                p[0] = p[1] = p[2] = p[3] = 0;
+        }
+    return img;
+}
+
+bool samePixels(const ImageView& a, const ImageView& b, int channels)
+{
+    if (a.width != b.width || a.height != b.height)
+        return false;
+    for (int32_t y = 0; y < a.height; ++y)
+        for (int32_t x = 0; x < a.width; ++x)
+            if (std::memcmp(a.pixel(x, y), b.pixel(x, y), size_t(channels)) != 0)
+                return false;
+    return true;
+}
+
+RunResult runProgram(const std::vector<std::string>& args, const std::vector<std::string>& env)
+{
+    RunResult result;
+    EXPECT_TRUE(g_subreaper);
+    TempDir dir;
+    const std::string outPath = dir / "stdout", errPath = dir / "stderr";
+    std::vector<char*> argv;
+    for (const auto& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid < 0) {
+        ADD_FAILURE() << "fork: " << std::strerror(errno);
+        return result;
+    }
+    if (pid == 0) {
+        const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int in = open("/dev/null", O_RDONLY);
+        if (out < 0 || err < 0 || in < 0)
+            _exit(126);
+        dup2(in, 0);
+        dup2(out, 1);
+        dup2(err, 2);
+        unsetenv("DISPLAY");
+        for (const auto& e : env)
+            putenv(const_cast<char*>(e.c_str()));
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    EXPECT_NE(result.status, 127) << "could not start " << args[0];
+    result.out = readFile(outPath);
+    result.err = readFile(errPath);
+    return result;
+}
+
+RunResult runRenderer(const std::vector<std::string>& args, const std::vector<std::string>& env)
+{
+    std::vector<std::string> full{binPath("tessara-render")};
+    full.insert(full.end(), args.begin(), args.end());
+    return runProgram(full, env);
+}
+
+std::vector<int> takeOrphansNamed(const std::string& comm)
+{
+    std::vector<int> found;
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator("/proc", ec)) {
+        const std::string name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        // "pid (comm) state ppid ..."; comm may hold blanks.
+        const std::string stat = readFile(entry.path().string() + "/stat");
+        const auto open = stat.find('('), close = stat.rfind(')');
+        if (open == std::string::npos || close == std::string::npos)
+            continue;
+        std::istringstream rest(stat.substr(close + 1));
+        char state = 0;
+        int ppid = 0;
+        rest >> state >> ppid;
+        if (ppid == getpid() && stat.substr(open + 1, close - open - 1) == comm)
+            found.push_back(std::stoi(name));
+    }
+    for (const int pid : found) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    return found;
+}
+
+int countLinesWith(const std::string& text, const std::string& needle)
+{
+    std::istringstream in(text);
+    int n = 0;
+    for (std::string line; std::getline(in, line);)
+        n += line.find(needle) != std::string::npos;
+    return n;
+}
+
+void expectCleanFailure(const RunResult& r, const std::string& messagePart)
+{
+    EXPECT_EQ(r.status, 255) << r.err;
+    EXPECT_EQ(countLinesWith(r.err, "Error ("), 1) << r.err;
+    const size_t lastStart = r.err.size() < 2 ? 0 : r.err.rfind('\n', r.err.size() - 2) + 1;
+    const std::string lastLine = r.err.substr(lastStart);
+    EXPECT_EQ(lastLine.rfind("Error (", 0), 0u) << r.err;
+    EXPECT_NE(lastLine.find(messagePart), std::string::npos) << r.err;
+    EXPECT_TRUE(takeOrphansNamed("Xvfb").empty()) << "an Xvfb outlived the renderer";
+}
+
+}  // namespace support
