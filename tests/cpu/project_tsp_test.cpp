@@ -9,107 +9,61 @@
 #include "support/Support.h"
 
 namespace {
-
-std::string writeTsp(const std::string& name, const std::string& json)
+// A document with `slots` slots (yaw i * 30 + 0.5, pitch i % 3 - 1) and `rest`.
+std::string writeTsp(const std::string& name, const std::string& lens, int slots, const std::string& rest = "")
 {
     static support::TempDir dir;
-    support::writeFile(dir / name, json);
+    std::string json = "{\"preview-ev\": \"" + std::string(name == "wide.tsp" ? "-2" : "0") + "\", " + lens + "\"slots\": {";
+    for (int i = 0; i < slots; ++i)
+        json += (i ? ", \"" : "\"") + std::to_string(i) + "\": {\"y\": " + std::to_string(i * 30) +
+                ".5, \"p\": " + std::to_string(i % 3 - 1) + "}";
+    support::writeFile(dir / name, json + "}" + rest + "}");
     return dir / name;
 }
+}  // namespace
 
-std::string slotsJson(int n)
+TEST(TspProject, LayoutsEntriesAndOrientation)
 {
-    std::string s = "\"slots\": {";
-    for (int i = 0; i < n; ++i)
-        s += (i ? ", " : "") + std::string("\"") + std::to_string(i) + "\": {\"y\": " + std::to_string(i * 30) +
-             ".5, \"p\": " + std::to_string(i % 3 - 1) + "}";
-    return s + "}";
-}
-
-TEST(TspProject, FisheyeLayoutWithOrientation)
-{
-    const std::string path = writeTsp("pano.tsp", "{\"timestamp\": \"2021-01-05T10:20:30\", \"preview-ev\": \"0\",\n"
-                                                  " \"lens-focal-length\": \"8.0 mm\", " +
-                                                      slotsJson(6) +
-                                                      ",\n \"orientation\": {\"yaw\": 12.5, \"pitch\": -1.5, "
-                                                      "\"roll\": 0.25, \"tilt\": 3}}");
-    const Project p = loadTspProject(path);
-    ASSERT_EQ(p.images.size(), 7u);
+    const Project p = loadTspProject(writeTsp("pano.tsp", "\"lens-focal-length\": \"8.0 mm\", ", 13,
+                                              ", \"orientation\": {\"yaw\": 12.5, \"pitch\": -1.5, \"roll\": 0.25, \"tilt\": 3}"));
+    ASSERT_EQ(p.images.size(), 7u);  // the fisheye layout reads six slots
     for (int i = 0; i < 6; ++i) {
-        const ImageEntry& e = p.images[i];
+        const ImageEntry& e = p.images[size_t(i)];
         EXPECT_EQ(e.fileName, "pano-0" + std::to_string(i) + "-0.cr2");
         EXPECT_EQ(e.width, 0);
-        EXPECT_EQ(e.height, 0);
-        EXPECT_FLOAT_EQ(e.yaw, i * 30 + 0.5f);
-        EXPECT_FLOAT_EQ(e.pitch, i % 3 - 1);
-        EXPECT_FLOAT_EQ(e.roll, -90);
-        EXPECT_FLOAT_EQ(e.fov, 140);
-        EXPECT_FLOAT_EQ(e.a + e.b + e.c + e.d + e.e + e.exposure, 0);
-        EXPECT_FLOAT_EQ(e.va, 1);
-        EXPECT_FLOAT_EQ(e.vb, -0.06f);
-        EXPECT_FLOAT_EQ(e.vc, -0.08f);
-        EXPECT_FLOAT_EQ(e.vd, -0.08f);
+        const float got[] = {e.yaw, e.pitch, e.roll, e.fov, e.a + e.b + e.c + e.d + e.e + e.exposure, e.va, e.vb, e.vc, e.vd};
+        const float want[] = {i * 30 + 0.5f, float(i % 3 - 1), -90, 140, 0, 1, -0.06f, -0.08f, -0.08f};
+        for (int k = 0; k < 9; ++k)
+            EXPECT_FLOAT_EQ(got[k], want[k]) << "slot " << i << " field " << k;
     }
     const ImageEntry& o = p.images[6];
     EXPECT_TRUE(isOrientation(o));
-    EXPECT_FLOAT_EQ(o.yaw, 12.5f);
-    EXPECT_FLOAT_EQ(o.pitch, -1.5f);
-    EXPECT_FLOAT_EQ(o.roll, 0.25f);
-    EXPECT_FLOAT_EQ(o.fov, 3);
-    EXPECT_FLOAT_EQ(o.va, 0);
-    EXPECT_TRUE(p.controlPoints.empty());
-}
+    EXPECT_EQ(std::vector<float>({o.yaw, o.pitch, o.roll, o.fov, o.va}), std::vector<float>({12.5f, -1.5f, 0.25f, 3, 0}));
 
-TEST(TspProject, LensTextSelectsTheLayout)
-{
-    // Exactly "18.0 mm" is the wide lens: 13 slots, fov 90, and names with
-    // the preview text as written ("-2" gives a double dash).
-    const Project wide =
-        loadTspProject(writeTsp("wide.tsp", "{\"preview-ev\": \"-2\", \"lens-focal-length\": \"18.0 mm\", " +
-                                                slotsJson(13) + "}"));
+    // Exactly "18.0 mm" is the wide lens: 13 slots at fov 90, names with the
+    // preview text as written ("-2" gives a double dash).
+    const Project wide = loadTspProject(writeTsp("wide.tsp", "\"lens-focal-length\": \"18.0 mm\", ", 13));
     ASSERT_EQ(wide.images.size(), 13u);
     EXPECT_EQ(wide.images[12].fileName, "wide-12--2.cr2");
     EXPECT_FLOAT_EQ(wide.images[12].fov, 90);
-    EXPECT_FALSE(isOrientation(wide.images.back()));
-
-    // Near misses are the fisheye layout; extra slots are not read.
-    for (const char* lens : {"18.0mm", "18 mm", "24.0 mm"}) {
-        const Project p = loadTspProject(writeTsp("near.tsp", std::string("{\"preview-ev\": \"1\", "
-                                                                          "\"lens-focal-length\": \"") +
-                                                                  lens + "\", " + slotsJson(13) +
-                                                                  ", \"orientation\": {}}"));
-        ASSERT_EQ(p.images.size(), 7u) << lens;
-        EXPECT_FLOAT_EQ(p.images[0].fov, 140) << lens;
-        EXPECT_EQ(p.images[5].fileName, "near-05-1.cr2");
-        // Empty orientation object: an orientation entry with zero angles.
-        EXPECT_TRUE(isOrientation(p.images[6]));
-        EXPECT_FLOAT_EQ(p.images[6].yaw, 0);
-        EXPECT_FLOAT_EQ(p.images[6].fov, 0);
+    for (const char* lens : {"18.0mm", "18 mm"}) {  // near misses; an empty orientation has zero angles
+        const Project p2 = loadTspProject(writeTsp("near.tsp", std::string("\"lens-focal-length\": \"") + lens + "\", ", 13,
+                                                   ", \"orientation\": {}"));
+        ASSERT_EQ(p2.images.size(), 7u) << lens;
+        EXPECT_FLOAT_EQ(p2.images[0].fov, 140) << lens;
+        EXPECT_TRUE(isOrientation(p2.images[6]));
+        EXPECT_FLOAT_EQ(p2.images[6].yaw, 0);
     }
 }
 
 TEST(TspProject, ErrorsAreTheLibrarysOwn)
 {
     namespace pt = boost::property_tree;
-    EXPECT_THROW(loadTspProject(writeTsp("x.tsp", "") + ".missing"), pt::json_parser::json_parser_error);
-    EXPECT_THROW(loadTspProject(writeTsp("broken.tsp", "{\"preview-ev\": \"0\", ")), pt::json_parser::json_parser_error);
-    EXPECT_THROW(loadTspProject(writeTsp("binary.tsp", std::string("\x00\xff\x7f{{", 5))), pt::json_parser::json_parser_error);
-    // Slot 5 missing.
-    try {
-        loadTspProject(writeTsp("short.tsp", "{\"preview-ev\": \"0\", \"lens-focal-length\": \"x\", " + slotsJson(5) + "}"));
-        FAIL() << "no exception";
-    } catch (const pt::ptree_bad_path& e) {
-        EXPECT_NE(std::string(e.what()).find("slots.5.y"), std::string::npos) << e.what();
-    }
-    EXPECT_THROW(loadTspProject(writeTsp("nolens.tsp", "{\"preview-ev\": \"0\", " + slotsJson(6) + "}")),
-                 pt::ptree_bad_path);
-    // Not a number, in a slot and in the orientation.
-    EXPECT_THROW(loadTspProject(writeTsp("nan.tsp", "{\"preview-ev\": \"0\", \"lens-focal-length\": \"x\", "
-                                                    "\"slots\": {\"0\": {\"y\": \"north\", \"p\": 0}}}")),
-                 pt::ptree_bad_data);
-    EXPECT_THROW(loadTspProject(writeTsp("nan2.tsp", "{\"preview-ev\": \"0\", \"lens-focal-length\": \"x\", " +
-                                                         slotsJson(6) + ", \"orientation\": {\"yaw\": \"x\"}}")),
+    EXPECT_THROW(loadTspProject(writeTsp("x.tsp", "", 0) + ".missing"), pt::json_parser::json_parser_error);
+    EXPECT_THROW(loadTspProject(writeTsp("broken.tsp", "", 0, "{")), pt::json_parser::json_parser_error);
+    EXPECT_EQ(support::errorOf([] { loadTspProject(writeTsp("short.tsp", "\"lens-focal-length\": \"x\", ", 5)); }),
+              "No such node (slots.5.y)");
+    EXPECT_THROW(loadTspProject(writeTsp("nolens.tsp", "", 6)), pt::ptree_bad_path);
+    EXPECT_THROW(loadTspProject(writeTsp("nan.tsp", "\"lens-focal-length\": \"x\", ", 6, ", \"orientation\": {\"yaw\": \"x\"}")),
                  pt::ptree_bad_data);
 }
-
-}  // namespace

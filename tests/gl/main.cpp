@@ -1,5 +1,5 @@
-// GL tests run under the same hidden context the program uses; the
-// environment brings it up once for the whole binary.
+// GL tests run under the same hidden context the program uses, brought up
+// once per process.
 #include <gtest/gtest.h>
 
 #include <memory>

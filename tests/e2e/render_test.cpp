@@ -1,0 +1,430 @@
+// The renderer as a user runs it: version and GL report without a display,
+// usage errors, every output kind with its name and size from equirect
+// images and from synthetic captures, the metadata the EXR output carries,
+// the logo, the upside-down turn, the width messages, and failures that end
+// with one "Error (" line, leave no partial file and no private X server.
+#include <gtest/gtest.h>
+
+#include <ImfEnvmap.h>
+#include <ImfInputFile.h>
+#include <ImfStandardAttributes.h>
+#include <ImfStringAttribute.h>
+#include <ImfTiledRgbaFile.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "image/Jpeg.h"
+#include "image/OpenExr.h"
+#include "image/Radiance.h"
+#include "image/Rgbe.h"
+#include "support/Support.h"
+
+namespace fs = std::filesystem;
+using namespace support;
+
+namespace {
+
+const char* const kFaces[] = {"r", "l", "u", "d", "b", "f"};
+
+// A smooth RGBE panorama (about 0.02 to 40, no flat areas), or one colour
+// everywhere (small files), written as a Radiance file.
+Image writePanorama(const std::string& path, int width, int height, bool flat = false)
+{
+    Image img(width, height, 4);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const double lon = 2 * M_PI * (x + 0.5) / width, lat = M_PI * (y + 0.5) / height;
+            const double base = flat ? 1.0 : std::exp2(6.0 * std::sin(lat) - 4.0);  // bright horizon
+            floatToRgbe(float(base * (1.2 + std::cos(lon))), float(base * (1.2 + std::sin(2 * lon))),
+                        float(base * (1.2 + std::cos(3 * lat))), img.pixel(x, y));
+        }
+    std::ofstream out(path, std::ios::binary);
+    writeRadiance(out, img);
+    return img;
+}
+
+std::array<int, 2> jpegSize(const std::string& path)
+{
+    const std::string error = errorOf([&] { readJpeg(path); });
+    if (error != "no error")
+        return {-1, -1};
+    const Image img = readJpeg(path);
+    return {img.width, img.height};
+}
+
+std::set<std::string> filesIn(const std::string& dir)
+{
+    std::set<std::string> names;
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator(dir, ec))
+        names.insert(entry.path().filename().string());
+    return names;
+}
+
+// Largest and mean relative difference of the decoded RGB of two RGBE images.
+std::pair<double, double> rgbeDifference(const ImageView& expected, const ImageView& actual)
+{
+    if (expected.width != actual.width || expected.height != actual.height)
+        return {1e9, 1e9};
+    double worst = 0, sum = 0;
+    for (int y = 0; y < expected.height; ++y)
+        for (int x = 0; x < expected.width; ++x) {
+            float a[3], b[3];
+            rgbeToFloat(expected.pixel(x, y), a);
+            rgbeToFloat(actual.pixel(x, y), b);
+            for (int c = 0; c < 3; ++c) {
+                const double e = std::abs(double(a[c]) - b[c]) / std::max(double(a[c]), 1e-3);
+                worst = std::max(worst, e);
+                sum += e;
+            }
+        }
+    return {worst, sum / (3.0 * expected.width * expected.height)};
+}
+
+void expectNoServerLeft() { EXPECT_TRUE(takeOrphansNamed("Xvfb").empty()) << "an Xvfb outlived the renderer"; }
+
+// Small synthetic captures (a tenth of full size) of the bundled panoramas,
+// made by the capture generator into `dir`.
+bool makeCaptures(const std::string& dir)
+{
+    const std::string maker = binPath("tessara-make-capture"), source = sourcePath("data/panoramas/");
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{source + "courtyard.exr", dir + "/ldr", "--scale", "0.1", "--tsp"},
+          {source + "city.exr", dir + "/hdr", "--hdr", "--scale", "0.1", "--tsp"},
+          {source + "courtyard.exr", dir + "/rings", "--layout", "tworing", "--scale", "0.05"}}) {
+        std::vector<std::string> full{maker};
+        full.insert(full.end(), args.begin(), args.end());
+        full.insert(full.end(), {"--supersample", "1"});
+        const RunResult r = runProgram(full);
+        if (r.status != 0) {
+            std::fprintf(stderr, "capture generation failed: %s\n", r.err.c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+// Made once per CTest run (the e2e_captures fixture), else once per process.
+std::string captures()
+{
+    static std::string dir;
+    if (dir.empty()) {
+        const char* shared = std::getenv("TESSARA_E2E_CAPTURES");
+        if (shared && fs::exists(shared)) {
+            dir = shared;
+        } else {
+            static TempDir own;
+            EXPECT_TRUE(makeCaptures(own.path()));
+            dir = own.path();
+        }
+    }
+    return dir;
+}
+
+}  // namespace
+
+TEST(CommandLine, VersionUsageAndTopLevelFailures)
+{
+    // The orphan check below can fail: a shell that leaves a child behind is caught.
+    EXPECT_EQ(runProgram({"/bin/sh", "-c", "sleep 30 & exit 0"}).status, 0);
+    size_t found = 0;
+    for (int i = 0; i < 100 && found == 0; ++i, usleep(50000))
+        found = takeOrphansNamed("sleep").size();
+    EXPECT_EQ(found, 1u);
+
+    const RunResult version = runRenderer({"in.tsp", "-v", "--bogus"});  // later options are never read
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out, "version: 21.01.5008\n");
+    for (const std::string core : {"", "USE_GL_CORE="}) {
+        const RunResult gl = runRenderer({"-V"}, core.empty() ? std::vector<std::string>{} : std::vector<std::string>{core});
+        EXPECT_EQ(gl.status, 0) << gl.err;
+        EXPECT_TRUE(std::regex_search(gl.out, std::regex("^version: 21.01.5008\nGL_VENDOR:      .+\nGL_RENDERER:    .+\n"
+                                                         "GL_VERSION:     [1-9]\\.[0-9].*\nGLSL Version:   .+\n"
+                                                         "GL_MAX_TEXTURE_SIZE: [1-9][0-9]+\n")))
+            << gl.out;
+        EXPECT_TRUE(std::regex_search(gl.out, std::regex("(No memory info available\\.|Available mem \\(MB\\): -?\\d+|"
+                                                         "  Render buffer: -?\\d+ / -?\\d+)\n$")))
+            << gl.out;
+        expectNoServerLeft();
+    }
+
+    // Usage errors go to standard output with the program's path.
+    const RunResult unknown = runRenderer({"x.tsp", "--bogus"});
+    EXPECT_EQ(unknown.status, 255);
+    EXPECT_EQ(unknown.out.rfind("Error: unknown option '--bogus'\nUsage: " + binPath("tessara-render") + " <pts/", 0), 0u)
+        << unknown.out;
+    EXPECT_EQ(unknown.err, "");
+    EXPECT_EQ(runRenderer({}).out.rfind("Error: at least one argument required\n", 0), 0u);
+    const RunResult bad = runRenderer({"x.tsp", "--er-width", "k8"});
+    EXPECT_EQ(bad.status, 255);
+    EXPECT_EQ(bad.err, "Error (St16invalid_argument): stoi\n");
+    EXPECT_EQ(runRenderer({"x.tsp", "--er-width"}).err,
+              "Error (St11logic_error): basic_string: construction from null is not valid\n");
+    expectNoServerLeft();
+}
+
+TEST(ImageInput, EveryOutputKindFromAnEquirectImage)
+{
+    TempDir dir;
+    const Image panorama = writePanorama(dir / "in.hdr", 2400, 1200);
+    const std::vector<std::string> args = {dir / "in.hdr", "--er-hdr", "--er-jpg", "--cf-jpg", "--er-exr",
+                                           "--exr-compression", "zip", "--er-width", "1000", "--output-prefix",
+                                           dir / "out/pano"};
+    expectCleanFailure(runRenderer(args), "out/pano");  // no such folder yet: the first file fails
+    fs::create_directory(dir / "out");
+    const RunResult r = runRenderer(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    for (const char* stage : {" read hdr/exr: ", " save (equirect HDR): ", " save (equirect JPG): ", " thumbnail: "})
+        EXPECT_EQ(countLinesWith(r.err, stage), 1) << stage << "\n" << r.err;
+    std::set<std::string> expected{"pano.hdr", "pano.jpg", "pano.exr", "pano thumbnail.jpg"};
+    for (const char* f : kFaces)
+        expected.insert(std::string("pano_") + f + ".jpg");
+    EXPECT_EQ(filesIn(dir / "out"), expected);
+    // The width option does not apply to an image; nothing touches its pixels.
+    const Image hdr = readRadiance(dir / "out/pano.hdr");
+    ASSERT_EQ(hdr.width, 2400);
+    EXPECT_EQ(std::memcmp(hdr.data, panorama.data, hdr.byteSize()), 0);
+    EXPECT_EQ(jpegSize(dir / "out/pano.jpg"), (std::array<int, 2>{2400, 1200}));
+    EXPECT_EQ(jpegSize(dir / "out/pano thumbnail.jpg"), (std::array<int, 2>{1000, 500}));
+    for (const char* f : kFaces)
+        EXPECT_EQ(jpegSize(dir / (std::string("out/pano_") + f + ".jpg")), (std::array<int, 2>{600, 600})) << f;
+
+    registerExrAttributeTypes();
+    {
+        Imf::InputFile file((dir / "out/pano.exr").c_str());
+        const Imf::Header& h = file.header();
+        EXPECT_EQ(h.compression(), Imf::ZIPS_COMPRESSION);
+        EXPECT_EQ(Imf::envmap(h), Imf::ENVMAP_LATLONG);
+        const auto* preview = h.findTypedAttribute<TessaraBinaryAttribute>("tessaraJpegPreview");
+        ASSERT_NE(preview, nullptr);
+        EXPECT_EQ(preview->value(), readFile(dir / "out/pano thumbnail.jpg"));
+        EXPECT_TRUE(h.find("tessaraMetaData") == h.end());  // no project to quote
+    }
+    // RGBE fits into half here: the EXR holds the panorama up to the way back
+    // to RGBE, under 1/128 relative; the mean far below.
+    const Image exr = readExr(dir / "out/pano.exr");
+    const auto e = rgbeDifference(panorama, exr);
+    EXPECT_LT(e.first, 1.0 / 64);
+    EXPECT_LT(e.second, 1.0 / 512);
+    // Our own .exr is an input again, and its .hdr carries it on unchanged.
+    ASSERT_EQ(runRenderer({dir / "out/pano.exr", "--er-hdr", "--output-prefix", dir / "again"}).status, 0);
+    EXPECT_EQ(rgbeDifference(exr, readRadiance(dir / "again.hdr")).first, 0.0);
+
+    // Cube faces as a tiled EXR; the width message is printed though nothing changes.
+    const RunResult cube = runRenderer({dir / "in.hdr", "--cf-exr", "--cf-width", "500", "--output-prefix", dir / "cube"});
+    ASSERT_EQ(cube.status, 0) << cube.err;
+    EXPECT_EQ(countLinesWith(cube.err, "Adjusting output cubeface width from 500 to 500 = 500 * 2^0."), 1) << cube.err;
+    Imf::TiledRgbaInputFile tiled((dir / "cube.exr").c_str());
+    EXPECT_EQ(tiled.dataWindow().max.y, 6 * 500 - 1);  // six faces stacked
+    EXPECT_EQ(Imf::envmap(tiled.header()), Imf::ENVMAP_CUBE);
+    EXPECT_EQ(tiled.tileXSize(), 500u);
+
+    // A folder prefix always rounds the face width and gets no thumbnail:
+    // 1000 splits into 500-pixel tiles, 2 x 2 on level 1.
+    const RunResult tiles = runRenderer({dir / "in.hdr", "--cf-jpg", "--cf-width", "1000", "--output-prefix", dir / "tiles/"});
+    ASSERT_EQ(tiles.status, 0) << tiles.err;
+    EXPECT_EQ(countLinesWith(tiles.err, "Adjusting output cubeface width from 1000 to 1000 = 500 * 2^1."), 1);
+    EXPECT_EQ(filesIn(dir / "tiles").size(), 30u);
+    EXPECT_EQ(jpegSize(dir / "tiles/1_d_01_01.jpg"), (std::array<int, 2>{500, 500}));
+    expectNoServerLeft();
+}
+
+TEST(ImageInput, SmallAndUnsupportedSizesAndFailures)
+{
+    TempDir dir;
+    // Below 2000 wide the panorama itself takes the thumbnail's name.
+    writePanorama(dir / "small.hdr", 1000, 500);
+    ASSERT_EQ(runRenderer({dir / "small.hdr", "--er-jpg"}).status, 0);
+    EXPECT_EQ(jpegSize(dir / "small thumbnail.jpg"), (std::array<int, 2>{1000, 500}));
+    EXPECT_FALSE(fs::exists(dir / "small.jpg"));
+
+    // A size this program does not render is only tone mapped.
+    writePanorama(dir / "odd.hdr", 8001, 4000, true);
+    const RunResult odd = runRenderer({dir / "odd.hdr", "--er-hdr", "--er-exr", "--er-jpg", "--cf-jpg"});
+    EXPECT_EQ(odd.status, 255);
+    EXPECT_EQ(countLinesWith(odd.err, "can only reproject equirect hdr images that have been rendered with this tool "
+                                      "(unsupported image dimensions 8001x4000) -> tonemapping only"), 1) << odd.err;
+    EXPECT_EQ(countLinesWith(odd.err, "Error ("), 0);
+    EXPECT_EQ(jpegSize(dir / "odd.jpg"), (std::array<int, 2>{8001, 4000}));
+
+    const std::string bytes = readFile(dir / "small.hdr");
+    writeFile(dir / "cut.hdr", bytes.substr(0, bytes.size() / 2));
+    expectCleanFailure(runRenderer({dir / "cut.hdr", "--er-jpg"}), "cut.hdr");
+    expectCleanFailure(runRenderer({dir / "missing.exr", "--er-jpg"}), "missing.exr");
+    // The Radiance output cannot be put in place: the error names it, no temporary file is left.
+    fs::create_directory(dir / "pano.hdr");
+    expectCleanFailure(runRenderer({dir / "small.hdr", "--er-hdr", "--output-prefix", dir / "pano"}), "pano.hdr");
+    EXPECT_EQ(filesIn(dir.path()), (std::set<std::string>{"small.hdr", "small thumbnail.jpg", "odd.hdr", "odd.jpg",
+                                                          "cut.hdr", "pano.hdr"}));
+}
+
+// Render jobs on the synthetic captures.
+TEST(Capture, LdrCaptureWritesTheEightBitOutputs)
+{
+    TempDir out;
+    const RunResult r = runRenderer({captures() + "/ldr/capture.pts", "--er-width", "2400", "--er-jpg", "--cf-jpg",
+                                     "--er-hdr", "--er-exr", "--cf-exr", "--output-prefix", out / "pano"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    // JPEG sources render in LDR mode: the HDR switches do nothing.
+    std::set<std::string> expected{"pano.jpg", "pano thumbnail.jpg"};
+    for (const char* f : kFaces)
+        expected.insert(std::string("pano_") + f + ".jpg");
+    EXPECT_EQ(filesIn(out.path()), expected);
+    EXPECT_EQ(jpegSize(out / "pano.jpg"), (std::array<int, 2>{2400, 1200}));
+    EXPECT_EQ(jpegSize(out / "pano_u.jpg"), (std::array<int, 2>{600, 600}));
+    // The listing: each of the six images with its 14 values.
+    const std::regex listed("capture-0[0-5]\\.jpg( -?[0-9.e+-]+){14} ");
+    int listedLines = 0;
+    std::istringstream lines(r.err);
+    for (std::string line; std::getline(lines, line);)
+        listedLines += std::regex_match(line, listed);
+    EXPECT_EQ(listedLines, 6) << r.err;
+    // --cf-exr asks for tile-friendly faces even where it writes nothing.
+    EXPECT_EQ(countLinesWith(r.err, "Adjusting output cubeface width from 600 to 600 = 300 * 2^1."), 1) << r.err;
+    EXPECT_EQ(countLinesWith(r.err, "Adjusting output equirect width"), 0);
+
+    // A document as input names camera raw files (<stem>-<slot>-<ev>.cr2)
+    // whose preview dcraw extracts; a stand-in dcraw lets the JPEG sources pose
+    // as them. Five slots: widths are multiples of 20; below 2000 no
+    // thumbnail.
+    fs::create_directories(out / "tsp/tools");
+    fs::copy_file(captures() + "/ldr/capture.tsp", out / "tsp/capture.tsp");
+    for (int slot = 0; slot < 6; ++slot)
+        fs::copy_file(captures() + "/ldr/capture-0" + std::to_string(slot) + ".jpg",
+                      out / ("tsp/capture-0" + std::to_string(slot) + "-0.cr2"));
+    writeFile(out / "tsp/tools/dcraw", "#!/bin/sh\nexec cat \"$3\"\n");
+    fs::permissions(out / "tsp/tools/dcraw", fs::perms::owner_all);
+    const RunResult tsp = runRenderer({out / "tsp/capture.tsp", "--er-width", "1210", "--er-jpg"},
+                                      {"PATH=" + (out / "tsp/tools") + ":" + std::getenv("PATH")});
+    ASSERT_EQ(tsp.status, 0) << tsp.err;
+    EXPECT_EQ(countLinesWith(tsp.err, "capture-00-0.cr2 "), 1) << tsp.err;
+    EXPECT_EQ(countLinesWith(tsp.err, "Adjusting output equirect width by -10 pixels -> outW = 1200."), 1) << tsp.err;
+    EXPECT_EQ(jpegSize(out / "tsp/capture.jpg"), (std::array<int, 2>{1200, 600}));
+    EXPECT_FALSE(fs::exists(out / "tsp/capture thumbnail.jpg"));
+}
+
+TEST(Capture, LogoCoversTheNadir)
+{
+    TempDir out;
+    Image logo(256, 256, 3);  // yellow
+    for (int64_t i = 0; i < 256 * 256 * 3; ++i)
+        logo.data[i] = uint8_t(i % 3 == 0 ? 230 : i % 3 == 1 ? 200 : 30);
+    writeJpeg(logo, out / "logo.jpg");
+    ASSERT_EQ(runRenderer({captures() + "/ldr/capture.pts", "--er-width", "1000", "--er-jpg", "--output-prefix", out / "plain"}).status, 0);
+    ASSERT_EQ(runRenderer({captures() + "/ldr/capture.pts", "--er-width", "1000", "--er-jpg", "--logo", out / "logo.jpg",
+                           "--output-prefix", out / "logo"}).status, 0);
+    const Image a = readJpeg(out / "plain thumbnail.jpg"), b = readJpeg(out / "logo thumbnail.jpg");
+    ASSERT_EQ(b.height, 500);
+    const auto meanOfRows = [](const Image& rgb, int y0, int y1) {
+        double sum = 0;
+        for (int y = y0; y < y1; ++y)
+            for (int x = 0; x < rgb.width * 3; ++x)
+                sum += rgb.row(y)[x];
+        return sum / (double(y1 - y0) * rgb.width * 3);
+    };
+    // The lowest 20 rows lie inside the 18-degree patch (25 rows) that no
+    // source reaches: dark without a logo, near the logo's mean (153) with
+    // it. The rows above are untouched.
+    EXPECT_LT(meanOfRows(a, 480, 500), 20.0);
+    EXPECT_GT(meanOfRows(b, 480, 500), 120.0);
+    EXPECT_NEAR(meanOfRows(a, 0, 400), meanOfRows(b, 0, 400), 0.5);
+}
+
+TEST(Capture, HdrCaptureExrCarriesThumbnailAndProject)
+{
+    TempDir out;
+    const std::string hdrCapture = captures() + "/hdr/capture.pts";
+    const RunResult r = runRenderer({hdrCapture, "--er-width", "2400", "--er-hdr", "--er-exr", "--exr-compression", "zip",
+                                     "--output-prefix", out / "pano"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(filesIn(out.path()), (std::set<std::string>{"pano.hdr", "pano.exr", "pano thumbnail.jpg"}));
+    const Image hdr = readRadiance(out / "pano.hdr");
+    EXPECT_EQ(hdr.width, 2400);
+    registerExrAttributeTypes();
+    {
+        Imf::InputFile file((out / "pano.exr").c_str());
+        // A pts input quotes the .tsp document beside it.
+        const auto* meta = file.header().findTypedAttribute<Imf::StringAttribute>("tessaraMetaData");
+        ASSERT_NE(meta, nullptr);
+        EXPECT_EQ(meta->value(), readFile(captures() + "/hdr/capture.tsp"));
+    }
+    const auto e = rgbeDifference(hdr, readExr(out / "pano.exr"));
+    EXPECT_LT(e.first, 1.0 / 64);
+    EXPECT_LT(e.second, 1.0 / 512);
+
+    // With an orientation line whose fourth value is above 90 (roll and pitch
+    // 0, so negating them changes nothing) the panorama is the level one
+    // turned by 180 degrees.
+    const std::string pts = readFile(hdrCapture), dir = captures() + "/hdr/";
+    writeFile(dir + "level.pts", pts + "#orientation_abs_slot1 y0 r0 p0 t0\n");
+    writeFile(dir + "flipped.pts", pts + "#orientation_abs_slot1 y0 r0 p0 t180\n");
+    const RunResult level = runRenderer({dir + "level.pts", "--er-width", "1200", "--er-hdr", "--output-prefix", out / "level"});
+    const RunResult flipped =
+        runRenderer({dir + "flipped.pts", "--er-width", "1200", "--er-hdr", "--output-prefix", out / "flipped"});
+    ASSERT_EQ(level.status, 0) << level.err;
+    ASSERT_EQ(flipped.status, 0) << flipped.err;
+    EXPECT_EQ(countLinesWith(level.err, " upside_down: "), 0);
+    EXPECT_EQ(countLinesWith(flipped.err, " upside_down: "), 1) << flipped.err;
+    const Image a = readRadiance(out / "level.hdr"), b = readRadiance(out / "flipped.hdr");
+    ASSERT_EQ(b.width, 1200);
+    int mismatches = 0;
+    for (int y = 0; y < a.height; ++y)
+        for (int x = 0; x < a.width; ++x)
+            mismatches += std::memcmp(a.pixel(x, y), b.pixel(a.width - 1 - x, a.height - 1 - y), 4) != 0;
+    EXPECT_EQ(mismatches, 0);
+}
+
+TEST(Capture, FailuresLeaveNoPartialFile)
+{
+    TempDir out;
+    // The two-ring script without its images: the six-slot width is adjusted
+    // before the first source image is opened, which then fails.
+    fs::copy_file(captures() + "/rings/capture.pts", out / "rings.pts");
+    const RunResult rings = runRenderer({out / "rings.pts", "--er-width", "10000", "--er-jpg"});
+    EXPECT_EQ(countLinesWith(rings.err, "Adjusting output equirect width by -16 pixels -> outW = 9984."), 1) << rings.err;
+    expectCleanFailure(rings, "capture-00.jpg");
+
+    // A document that is not JSON, one with keys missing, a script without images, no file.
+    writeFile(out / "broken.tsp", "{\"slots\": {\"0\": ");
+    expectCleanFailure(runRenderer({out / "broken.tsp", "--er-jpg"}), "broken.tsp");
+    writeFile(out / "empty.tsp", "{}");
+    expectCleanFailure(runRenderer({out / "empty.tsp", "--er-jpg"}), "");
+    writeFile(out / "empty.pts", "# nothing here\np f2 w8000 h4000 v360\n");
+    expectCleanFailure(runRenderer({out / "empty.pts", "--er-jpg"}), "empty.pts");
+    expectCleanFailure(runRenderer({out / "missing.pts", "--er-jpg"}), "missing.pts");
+
+    // The EXR output cannot be put in place: the .hdr and thumbnail before it
+    // are complete, and no temporary file is left.
+    fs::create_directory(out / "pano.exr");
+    expectCleanFailure(runRenderer({captures() + "/hdr/capture.pts", "--er-width", "2000", "--er-hdr", "--er-exr",
+                                    "--output-prefix", out / "pano"}), "pano.exr");
+    EXPECT_EQ(readRadiance(out / "pano.hdr").width, 2000);
+    EXPECT_EQ(filesIn(out.path()), (std::set<std::string>{"rings.pts", "broken.tsp", "empty.tsp", "empty.pts", "pano.exr",
+                                                         "pano.hdr", "pano thumbnail.jpg"}));
+}
+
+int main(int argc, char** argv)
+{
+    // --make-captures DIR: the fixture that makes the captures for a CTest run.
+    if (argc == 3 && std::string(argv[1]) == "--make-captures") {
+        fs::remove_all(argv[2]);
+        const std::string partial = std::string(argv[2]) + ".partial";
+        fs::remove_all(partial);
+        fs::create_directories(partial);
+        if (!makeCaptures(partial))
+            return 1;
+        fs::rename(partial, argv[2]);
+        return 0;
+    }
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

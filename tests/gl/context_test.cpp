@@ -1,3 +1,0 @@
-#include <gtest/gtest.h>
-#include "libglutil/QtContext.h"
-TEST(Context, VersionNumberIsSane) { EXPECT_GE(glVersionNumber(), 20); }

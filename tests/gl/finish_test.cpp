@@ -1,0 +1,390 @@
+// The finishing passes against the real driver: tone mapping against its CPU
+// twin, the thumbnail, cube faces (JPEG, tiled EXR, tile pyramid) and the
+// logo as a viewer sees it in the d face.
+#include <gtest/gtest.h>
+
+#include <ImfEnvmap.h>
+#include <ImfStandardAttributes.h>
+#include <ImfTiledRgbaFile.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+#include <set>
+#include <vector>
+
+#include "app/StageTimer.h"
+#include "image/Jpeg.h"
+#include "image/OpenExr.h"
+#include "image/Rgbe.h"
+#include "passes/CubeFaces.h"
+#include "passes/Logo.h"
+#include "passes/Thumbnail.h"
+#include "passes/Tonemap.h"
+#include "support/Support.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Vec = std::array<double, 3>;
+
+// Colour that encodes a direction of the panorama frame (x towards lon +90,
+// y up, z towards lon 0): channel k = 128 + 100 * d[k].
+Vec directionColour(const Vec& d) { return {128 + 100 * d[0], 128 + 100 * d[1], 128 + 100 * d[2]}; }
+
+// Equirect panorama of directionColour, 8-bit RGB or RGBE holding byte / 255.
+Image directionPanorama(int width, int height, bool rgbe)
+{
+    Image image(width, height, rgbe ? 4 : 3);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const double lat = ((height - 1) / 2.0 - y) * M_PI / height, lon = (x - (width - 1) / 2.0) * 2 * M_PI / width;
+            const Vec c = directionColour({std::cos(lat) * std::sin(lon), std::sin(lat), std::cos(lat) * std::cos(lon)});
+            uint8_t b[3];
+            for (int k = 0; k < 3; ++k)
+                b[k] = uint8_t(std::lround(c[k]));
+            if (rgbe)
+                floatToRgbe(b[0] / 255.0f, b[1] / 255.0f, b[2] / 255.0f, image.pixel(x, y));
+            else
+                std::copy(b, b + 3, image.pixel(x, y));
+        }
+    return image;
+}
+
+// Mean and largest difference of a JPEG face from the direction colours it should show.
+std::pair<double, double> faceError(const Image& face, int f)
+{
+    const int s = face.width;
+    double sum = 0, worst = 0;
+    for (int j = 0; j < s; ++j)
+        for (int i = 0; i < s; ++i) {
+            const Vec want = directionColour(cubeFaceDirection(f, i, j, s));
+            for (int k = 0; k < 3; ++k) {
+                sum += std::fabs(face.pixel(i, j)[k] - want[k]);
+                worst = std::max(worst, std::fabs(face.pixel(i, j)[k] - want[k]));
+            }
+        }
+    return {sum / (3.0 * s * s), worst};
+}
+
+// Fractions of pixels burnt out to white and crushed to black, and the mean luma.
+std::array<double, 3> exposureOf(const ImageView& rgb)
+{
+    double white = 0, black = 0, luma = 0;
+    for (int y = 0; y < rgb.height; ++y)
+        for (int x = 0; x < rgb.width; ++x) {
+            const uint8_t* p = rgb.pixel(x, y);
+            white += p[0] == 255 && p[1] == 255 && p[2] == 255;
+            black += p[0] == 0 && p[1] == 0 && p[2] == 0;
+            luma += 0.3 * p[0] + 0.59 * p[1] + 0.11 * p[2];
+        }
+    const double n = double(rgb.width) * rgb.height;
+    return {white / n, black / n, luma / n};
+}
+
+// The acceptance limits: at most 2 % burnt out or crushed in all three
+// channels; key 0.18 puts the mean mid-range (both panoramas look right at
+// 90 to 130).
+void expectWellExposed(const ImageView& rgb, const std::string& name)
+{
+    const auto e = exposureOf(rgb);
+    EXPECT_LE(e[0], 0.02) << name;
+    EXPECT_LE(e[1], 0.02) << name;
+    EXPECT_GT(e[2], 70) << name;
+    EXPECT_LT(e[2], 160) << name;
+}
+
+int countMatches(const std::string& text, const std::string& pattern)
+{
+    const std::regex re(pattern);
+    return int(std::distance(std::sregex_iterator(text.begin(), text.end(), re), std::sregex_iterator()));
+}
+
+std::string panorama(const std::string& name) { return support::sourcePath("data/panoramas/" + name); }
+
+}  // namespace
+
+TEST(FinishTonemapGL, ShaderMatchesCpuCurveInEveryChunkLayout)
+{
+    const struct { int w, h, chunks, cw, ch; } cases[] = {
+        {640, 320, 1, 640, 320},      // one chunk
+        {2400, 1200, 12, 400, 600},   // 12 chunks folded to half height, sampled key
+        {2010, 1005, 10, 201, 1005},  // 10 chunks, odd height: not folded
+    };
+    for (const auto& c : cases) {
+        // A luminance ramp over 24 stops along x, a colour cycle along y, some black.
+        Image image(c.w, c.h, 4);
+        for (int y = 0; y < c.h; ++y)
+            for (int x = 0; x < c.w; ++x) {
+                const float level = std::exp2(-12.0f + 24.0f * float(x) / float(c.w)), hue = 6.2831853f * float(y) / float(c.h);
+                const bool black = (x * 7 + y * 13) % 997 == 0;
+                floatToRgbe(black ? 0 : level * (1.2f + std::sin(hue)), level * (1.2f + std::sin(hue + 2.1f)),
+                            level * (1.2f + std::sin(hue + 4.2f)), image.pixel(x, y));
+            }
+        const std::vector<uint8_t> source(image.data, image.data + image.byteSize());
+        const SceneKey key = measureSceneKey(image);
+        testing::internal::CaptureStderr();
+        const ImageView out = tonemap(image);
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(out.data, image.data);  // in place
+        EXPECT_EQ(out.stride(), 3 * c.w);
+        int worst = 0;
+        int64_t differing = 0;
+        for (int64_t i = 0; i < int64_t(c.w) * c.h; ++i) {
+            float rgb[3];
+            rgbeToFloat(&source[size_t(i) * 4], rgb);
+            uint8_t want[3];
+            toneMapPixel(rgb, key.avgLum, whiteLuminance(key), want);
+            for (int k = 0; k < 3; ++k) {
+                worst = std::max(worst, std::abs(int(out.data[i * 3 + k]) - int(want[k])));
+                differing += out.data[i * 3 + k] != want[k];
+            }
+        }
+        // GPU pow and division may move a value across a rounding boundary:
+        // one unit, rarely; a misplaced chunk or row differs almost everywhere.
+        EXPECT_LE(worst, 1) << c.w;
+        EXPECT_LT(double(differing) / (3.0 * c.w * c.h), 0.01) << c.w;
+        EXPECT_EQ(countMatches(log, "avgLum = [-0-9.e+]+, maxLum = [-0-9.e+]+\n"), 1) << log;
+        EXPECT_EQ(countMatches(log, std::to_string(c.cw) + "x" + std::to_string(c.ch) + ", M: -?[0-9]+, m: -?[0-9]+ -> "
+                                    "-?[0-9]+ f-stops, mean: "), c.chunks) << log;
+        EXPECT_EQ(countMatches(log, "\\[T\\] tonemap \\(total\\): [0-9.]+s\n"), 1) << log;
+        EXPECT_EQ(countMatches(log, "render \\(tonemap\\): "), c.chunks) << log;
+    }
+    for (const char* name : {"courtyard.exr", "city.exr"}) {
+        Image image = readExr(panorama(name));
+        testing::internal::CaptureStderr();
+        const ImageView rgb = tonemap(image);
+        testing::internal::GetCapturedStderr();
+        expectWellExposed(rgb, name);
+    }
+}
+
+TEST(FinishThumbnailGL, LdrIsTheBoxHalfOfTheSampleHdrIsToneMapped)
+{
+    support::TempDir dir;
+    Image pano(2000, 1000, 3);  // at 2000 wide the sample is an exact copy
+    for (int y = 0; y < 1000; ++y)
+        for (int x = 0; x < 2000; ++x) {
+            uint8_t* p = pano.pixel(x, y);
+            p[0] = uint8_t(x / 8), p[1] = uint8_t(y / 4), p[2] = uint8_t(128 + 100 * std::sin(x * 0.01));
+        }
+    Image copy(2000, 1000, 3);
+    std::copy(pano.data, pano.data + pano.byteSize(), copy.data);
+    const ImageView expected = halveBox(copy);
+    makeThumbnail(pano, false, dir / "ldr.jpg");
+    const Image thumb = readJpeg(dir / "ldr.jpg");
+    ASSERT_EQ(thumb.width, 1000);
+    ASSERT_EQ(thumb.height, 500);
+    double sum = 0;
+    for (int y = 0; y < 500; ++y)
+        for (int x = 0; x < 3000; ++x)
+            sum += std::abs(int(thumb.row(y)[x]) - int(expected.row(y)[x]));
+    EXPECT_LT(sum / (1000.0 * 500 * 3), 1.5);  // JPEG of smooth ramps; a shifted thumbnail is tens off
+
+    Image hdr = readExr(panorama("courtyard.exr"));
+    const std::vector<uint8_t> before(hdr.data, hdr.data + hdr.byteSize());
+    testing::internal::CaptureStderr();
+    makeThumbnail(hdr, true, dir / "hdr.jpg");
+    const std::string log = testing::internal::GetCapturedStderr();
+    // The tone mapping's own stages are not reported, its total and the thumbnail are.
+    EXPECT_EQ(log.find("render (tonemap)"), std::string::npos) << log;
+    EXPECT_EQ(countMatches(log, "\\[T\\] tonemap \\(total\\): "), 1) << log;
+    EXPECT_EQ(countMatches(log, " +thumbnail: [0-9.]+s\n"), 1) << log;
+    EXPECT_TRUE(stageTimingEnabled);
+    const Image hdrThumb = readJpeg(dir / "hdr.jpg");
+    ASSERT_EQ(hdrThumb.width, 1000);
+    expectWellExposed(hdrThumb, "thumbnail");
+    EXPECT_TRUE(std::equal(before.begin(), before.end(), hdr.data));  // tone mapped on the sample only
+}
+
+// Every face pixel's colour encodes the direction it shows: compared with the
+// web-viewer convention (checked against the face table on the CPU) it
+// catches any turned, mirrored or swapped face. The tiled EXR cube map holds
+// the same faces and a mipmap of 2 x 2 box averages.
+TEST(FinishCubeFacesGL, JpegAndExrFacesShowThePanorama)
+{
+    support::TempDir dir;
+    const int s = 1024;  // tile 512: 2 x 2 tiles per face, then levels below a tile
+    testing::internal::CaptureStderr();
+    writeCubeFacesExr(directionPanorama(1024, 512, true), s, dir / "pano", "zip", "", "");
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("1024x512, M: "), std::string::npos);
+    writeCubeFacesJpeg(directionPanorama(1024, 512, false), s, dir / "pano");
+
+    Imf::TiledRgbaInputFile in((dir / "pano.exr").c_str());
+    EXPECT_EQ(Imf::envmap(in.header()), Imf::ENVMAP_CUBE);
+    EXPECT_EQ(in.tileXSize(), 512);
+    EXPECT_EQ(in.levelMode(), Imf::MIPMAP_LEVELS);
+    EXPECT_EQ(in.levelRoundingMode(), Imf::ROUND_DOWN);
+    ASSERT_EQ(in.numLevels(), 13);  // floor(log2(6 * 1024)) + 1
+    const Imath::Box2i window = in.dataWindow();
+    ASSERT_EQ(window.max.y - window.min.y + 1, 6 * s);
+    std::vector<Imf::Rgba> previous(size_t(s) * 6 * s);
+    in.setFrameBuffer(previous.data(), 1, s);
+    in.readTiles(0, in.numXTiles(0) - 1, 0, in.numYTiles(0) - 1, 0);
+    for (int f = 0; f < 6; ++f) {
+        const Image jpeg = readJpeg(dir / ("pano_" + std::string(kCubeFaces[f].letter) + ".jpg"));
+        ASSERT_EQ(jpeg.width, s);
+        // Byte rounding of the panorama plus quality-90 JPEG of a smooth field:
+        // about 1 on average, a few at most; a wrong face is tens off.
+        const auto err = faceError(jpeg, f);
+        EXPECT_LT(err.first, 1.5) << kCubeFaces[f].letter;
+        EXPECT_LT(err.second, 10) << kCubeFaces[f].letter;
+        const Imath::Box2i fw = Imf::CubeMap::dataWindowForFace(Imf::CubeMapFace(f), window);
+        double sum = 0;
+        for (int j = 0; j < s; ++j)
+            for (int i = 0; i < s; ++i)
+                sum += std::fabs(previous[size_t(fw.min.y + j) * s + fw.min.x + i].g * 255.0 - jpeg.pixel(i, j)[1]);
+        EXPECT_LT(sum / (double(s) * s), 1.5) << "EXR face " << kCubeFaces[f].letter;
+    }
+    int previousFace = s;
+    for (int l = 1; l < in.numLevels(); ++l) {
+        const Imath::Box2i lw = in.dataWindowForLevel(l);
+        const int w = lw.max.x - lw.min.x + 1, face = Imf::CubeMap::sizeOfFace(lw);
+        std::vector<Imf::Rgba> current(size_t(w) * (lw.max.y - lw.min.y + 1));
+        in.setFrameBuffer(current.data() - lw.min.x - size_t(lw.min.y) * w, 1, w);
+        in.readTiles(0, in.numXTiles(l) - 1, 0, in.numYTiles(l) - 1, l);
+        double worst = 0;
+        for (int f = 0; f < 6 && face > 0; ++f)
+            for (int y = 0; y < face; ++y)
+                for (int x = 0; x < face; ++x) {
+                    const Imf::Rgba* a = &previous[size_t(f * previousFace + 2 * y) * previousFace + 2 * x];
+                    const Imf::Rgba* b = a + previousFace;
+                    const float want = 0.25f * (float(a[0].g) + float(a[1].g) + float(b[0].g) + float(b[1].g));
+                    worst = std::max(worst, double(std::fabs(current[size_t(f * face + y) * w + x].g - want)));
+                }
+        EXPECT_LT(worst, 1e-3) << "level " << l;  // half precision near 0.5
+        for (const Imf::Rgba& p : current)  // rows of no face hold finite values too
+            ASSERT_TRUE(std::isfinite(float(p.g)) && float(p.g) > 0.1f) << "level " << l;
+        if (face > 0)
+            previous = current, previousFace = face;
+    }
+}
+
+TEST(FinishCubeFacesGL, TilePyramidAndPrefixes)
+{
+    support::TempDir dir;
+    const std::string tiles = dir / "tiles/";
+    writeCubeFacesJpeg(directionPanorama(1024, 512, false), 2048, tiles);
+    // Levels 2, 1 and 0 with 16, 4 and 1 tiles of 512 x 512 per face,
+    // written from level 2 of r down to level 0 of f.
+    std::set<std::string> expected, found;
+    for (int f = 0; f < 6; ++f)
+        for (int l = 0; l <= 2; ++l)
+            for (int r = 0; r < (1 << l); ++r)
+                for (int c = 0; c < (1 << l); ++c)
+                    expected.insert(pyramidTileName(l, kCubeFaces[f].letter, r, c));
+    for (const auto& entry : fs::directory_iterator(tiles))
+        found.insert(entry.path().filename().string());
+    EXPECT_EQ(found, expected);
+    const auto modified = [&](const std::string& name) {
+        struct stat st;
+        stat((tiles + name).c_str(), &st);
+        return std::make_pair(int64_t(st.st_mtim.tv_sec), int64_t(st.st_mtim.tv_nsec));
+    };
+    for (const std::string& name : found) {
+        EXPECT_LE(modified("2_r_00_00.jpg"), modified(name)) << name;
+        EXPECT_LE(modified(name), modified("0_f_00_00.jpg")) << name;
+    }
+    // A level-0 tile is the whole face halved twice (about 3 units lost): its
+    // centre shows the face's forward direction; a crop would be 50 off.
+    const Image whole = readJpeg(tiles + "0_f_00_00.jpg");
+    ASSERT_EQ(whole.width, 512);
+    const Vec centre = directionColour(cubeFaceDirection(5, 1023.5, 1023.5, 2048));
+    for (int k = 0; k < 3; ++k)
+        EXPECT_NEAR(whole.pixel(256, 256)[k], centre[k] - 3, 5) << k;
+
+    // A backslash ends a folder prefix too; a plain prefix gets six faces.
+    const Image small = directionPanorama(512, 256, false);
+    writeCubeFacesJpeg(small, 500, dir / "pyr\\");
+    writeCubeFacesJpeg(small, 64, dir / "single");
+    for (int f = 0; f < 6; ++f) {
+        EXPECT_EQ(readJpeg(dir / ("pyr/" + pyramidTileName(0, kCubeFaces[f].letter, 0, 0))).width, 500);
+        EXPECT_TRUE(fs::exists(dir / ("single_" + std::string(kCubeFaces[f].letter) + ".jpg"))) << f;
+    }
+}
+
+// The logo as a viewer sees it: in the d face, round, centred, upright and
+// not mirrored; only its band of the panorama changes; HDR output is RGBE of
+// the logo at its white level; LOGO_FOV sets the band.
+TEST(FinishLogoGL, RoundCentredAndUprightInTheDownFace)
+{
+    support::TempDir dir;
+    // White, a red disc of radius 100 in the middle, a blue square in the
+    // top-left quadrant that shows which way up it is.
+    Image logo(400, 400, 3);
+    for (int y = 0; y < 400; ++y)
+        for (int x = 0; x < 400; ++x) {
+            const bool disc = std::hypot(x - 199.5, y - 199.5) < 100;
+            const bool marker = x >= 140 && x < 170 && y >= 140 && y < 170;
+            uint8_t* p = logo.pixel(x, y);
+            p[0] = marker ? 0 : 255;
+            p[1] = disc || marker ? 0 : 255;
+            p[2] = disc && !marker ? 0 : 255;
+        }
+    const std::string logoPath = dir / "logo.jpg";
+    writeJpeg(logo, logoPath);
+
+    Image pano(2000, 1000, 3);
+    std::fill(pano.data, pano.data + pano.byteSize(), uint8_t(90));
+    drawLogo(2000, 1000, pano.data, pano.stride(), logoPath, false);
+    int changed = 0;
+    for (int x = 0; x < 2000; ++x)
+        changed += (pano.pixel(x, 999)[0] != 90) + 2 * (pano.pixel(x, 899)[0] != 90);
+    EXPECT_EQ(changed, 2000);  // 18 degrees: rows 900 to 999 only
+
+    const int s = 512;
+    writeCubeFacesJpeg(pano, s, dir / "pano");
+    const Image down = readJpeg(dir / "pano_d.jpg");
+    double n = 0, sx = 0, sy = 0, sxx = 0, syy = 0, sxy = 0, bx = 0, by = 0, bn = 0;
+    for (int j = 0; j < s; ++j)
+        for (int i = 0; i < s; ++i) {
+            const uint8_t* p = down.pixel(i, j);
+            if (p[0] > 160 && p[1] < 100 && p[2] < 100)
+                n += 1, sx += i, sy += j, sxx += double(i) * i, syy += double(j) * j, sxy += double(i) * j;
+            if (p[2] > 160 && p[0] < 100 && p[1] < 100)
+                bx += i, by += j, bn += 1;
+        }
+    ASSERT_GT(n, 1000);
+    const double cx = sx / n, cy = sy / n, vxx = sxx / n - cx * cx, vyy = syy / n - cy * cy, vxy = sxy / n - cx * cy;
+    // Radius 100 of the 200-pixel inscribed radius, which spans tan(18
+    // degrees) of the face's half width: 41.6 face pixels. The marker moves
+    // the centroid by about half a pixel; 0.5 degrees off the nadir would
+    // move it by 2.5.
+    const double radius = 0.5 * std::tan(18 * M_PI / 180) * s / 2;
+    EXPECT_NEAR(cx, (s - 1) / 2.0, 1.5);
+    EXPECT_NEAR(cy, (s - 1) / 2.0, 1.5);
+    EXPECT_NEAR(vxx / vyy, 1.0, 0.04);
+    EXPECT_LT(std::fabs(vxy) / vxx, 0.04);
+    EXPECT_NEAR(n, M_PI * radius * radius - std::pow(0.3 * radius, 2), 0.08 * n);
+    ASSERT_GT(bn, 20);
+    EXPECT_LT(bx / bn, cx - 5);  // the marker is up and to the left
+    EXPECT_LT(by / bn, cy - 5);
+
+    Image hdr(2000, 1000, 4);  // black RGBE
+    drawLogo(2000, 1000, hdr.data, hdr.stride(), logoPath, true);
+    float rgb[3];
+    rgbeToFloat(hdr.pixel(1000, 999), rgb);  // the disc's middle: red at 4.0 linear
+    EXPECT_NEAR(rgb[0], 4.0f, 0.1f);
+    EXPECT_LT(rgb[1], 0.05f);
+    rgbeToFloat(hdr.pixel(10, 900), rgb);  // the white rim
+    EXPECT_NEAR(rgb[2], 4.0f, 0.1f);
+    rgbeToFloat(hdr.pixel(10, 899), rgb);
+    EXPECT_EQ(rgb[0], 0.0f);
+
+    Image grey(1206, 603, 3);  // not a multiple of 5: 6 tiles of 201
+    std::fill(grey.data, grey.data + grey.byteSize(), uint8_t(90));
+    setenv("LOGO_FOV", "36", 1);
+    drawLogo(1206, 603, grey.data, grey.stride(), logoPath, false);
+    setenv("LOGO_FOV", "wide", 1);
+    EXPECT_THROW(drawLogo(1206, 603, grey.data, grey.stride(), logoPath, false), std::invalid_argument);
+    unsetenv("LOGO_FOV");
+    for (int x = 0; x < 1206; x += 67) {  // 36 degrees of 603 rows: 120 rows (120.6 truncated)
+        EXPECT_NE(grey.pixel(x, 483)[0], 90) << x;
+        EXPECT_EQ(grey.pixel(x, 482)[0], 90) << x;
+    }
+    EXPECT_THROW(drawLogo(1000, 500, grey.data, grey.stride(), dir / "missing.jpg", false), std::runtime_error);
+}

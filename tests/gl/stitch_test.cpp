@@ -1,0 +1,748 @@
+// The stitching pass: the "fish" shader's camera model against its CPU twin
+// (which source position each panorama direction samples, where the valid
+// area ends, the photometric gain), the stitcher's fixed rules, and round
+// trips through the whole stitch: a known panorama photographed by a
+// synthetic capture (the CPU lens model, vignetting, exposure, 8-bit sRGB
+// JPEG or Radiance sources, pts script) is stitched and compared with the
+// panorama the capture should give.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "image/Rgbe.h"
+#include "libglutil/Framebuffer.h"
+#include "libglutil/GLError.h"
+#include "libglutil/Shader.h"
+#include "libglutil/Texture.h"
+#include "passes/Stitch.h"
+#include "project/CameraMatrix.h"
+#include "project/LensModel.h"
+#include "project/PtsImport.h"
+#include "project/SyntheticCapture.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+
+constexpr int kOutW = 720, kOutH = 360;
+const float kIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+
+struct LensCase {
+    const char* name;
+    LensModel lens;
+};
+
+// Setups of the reference vectors (shared/lens): portrait fisheye rolled to
+// the ring, the zenith, an oblique one; a landscape fisheye; rectilinear
+// landscape and portrait. All with distortion and centre shift.
+std::vector<LensCase> lensCases()
+{
+    auto fish = [](int w, int h, double v, double a, double b, double c, double d, double e,
+                   double yaw, double pitch, double roll, bool fisheye) {
+        LensModel m;
+        m.w = w, m.h = h, m.fisheye = fisheye, m.v = v, m.a = a, m.b = b, m.c = c, m.d = d, m.e = e;
+        m.yaw = yaw, m.pitch = pitch, m.roll = roll;
+        return m;
+    };
+    return {
+        {"FP1", fish(4000, 6000, 169, -0.055, -0.03, -0.0085, -32, 113, 72, 10, -90, true)},
+        {"FP3", fish(4000, 6000, 169, -0.055, -0.03, -0.0085, -32, 113, 36, 90, -90, true)},
+        {"FP6", fish(4000, 6000, 169, -0.055, -0.03, -0.0085, -32, 113, -35.25, 47.5, 12.75, true)},
+        {"FL1", fish(3000, 2000, 140, 0.012, -0.041, 0.0203, 15.5, -8.25, 123.4, -30, 45, true)},
+        {"RE3", fish(1200, 900, 90, 0.002, -0.011, 0.006, 4.5, -3.25, 10, 60, 15, false)},
+        {"RP1", fish(900, 1200, 60, -0.004, 0.009, -0.003, -6, 2.5, -20, -12, -90, false)},
+    };
+}
+
+std::string defines(bool fisheye, bool ldr)
+{
+    return std::string("#define USE_MASK\n") + (ldr ? "#define LDR\n" : "") +
+           (fisheye ? "#define FISHEYE\n" : "");
+}
+
+// Uniforms of one draw over the whole sphere: one 360-degree strip, no
+// levelling, no vignetting unless given.
+void setLensUniforms(const Shader& program, const LensModel& lens, float exposure = 0,
+                     std::array<float, 3> vign = {0, 0, 0}, const float* colorMat = kIdentity)
+{
+    program.use();
+    const Mat3 m = cameraMatrix(float(lens.yaw), float(lens.pitch), float(lens.roll), {0, 0}, {0, 0});
+    program.setMatrix3("cameraMat", m.data());
+    program.setUniform("fov", float(lens.v));
+    program.setUniform("lens_a", float(lens.a));
+    program.setUniform("lens_b", float(lens.b));
+    program.setUniform("lens_c", float(lens.c));
+    program.setUniform("lens_d", float(lens.d));
+    program.setUniform("lens_e", float(lens.e));
+    program.setUniform("exposureOffset", exposure);
+    program.setUniform("vign", vign[0], vign[1], vign[2]);
+    program.setUniform("inSize", float(lens.w), float(lens.h));
+    program.setUniform("outSize", float(kOutW), float(kOutH));
+    program.setUniform("outFovX", 360.0f);
+    program.setUniform("openSouth", 0);
+    if (glGetUniformLocation(program.program(), "colorMat") >= 0)
+        program.setMatrix3("colorMat", colorMat);
+}
+
+Texture flatImage(int w, int h, std::array<uint8_t, 4> pixel)
+{
+    std::vector<uint8_t> bytes(size_t(w) * h * 4);
+    for (size_t i = 0; i < bytes.size(); i += 4)
+        std::copy(pixel.begin(), pixel.end(), bytes.begin() + i);
+    Texture t;
+    t.create(w, h, GL_RGBA8, GL_RGBA, bytes.data());
+    return t;
+}
+
+// Draws `source` with `program` (uniforms set) over an empty mask into a
+// float target and returns its RGBA floats, rows in memory order.
+std::vector<float> render(const Shader& program, const Texture& source)
+{
+    static Texture emptyMask = flatImage(8, 8, {0, 0, 0, 0});
+    program.use();
+    source.bind(GL_TEXTURE0);
+    emptyMask.bind(GL_TEXTURE1);
+    Texture target(kOutW, kOutH, GL_RGBA32F);
+    bindAsRenderTarget(target);
+    glClearColor(0, 0, 0, 0);
+    glClear(GL_COLOR_BUFFER_BIT);
+    fullScreenPass(kOutW, kOutH);
+    std::vector<float> out(size_t(kOutW) * kOutH * 4);
+    glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    glReadPixels(0, 0, kOutW, kOutH, GL_RGBA, GL_FLOAT, out.data());
+    EXPECT_EQ(glErrorReport(__FILE__, __LINE__), "");
+    return out;
+}
+
+// RGBE image whose pixel (x, y) decodes to (x or y) = R + 256 G in red and
+// green together, 255 in blue (the coverage marker).
+Texture coordinateImage(int w, int h, bool alongX)
+{
+    std::vector<uint8_t> rgbe(size_t(w) * h * 4);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            uint8_t* p = &rgbe[(size_t(y) * w + x) * 4];
+            const int v = alongX ? x : y;
+            p[0] = uint8_t(v & 255);
+            p[1] = uint8_t(v >> 8);
+            p[2] = 255;
+            p[3] = 136;  // byte * 2^(136 - 136)
+        }
+    Texture t;
+    t.create(w, h, GL_RGBA8, GL_RGBA, rgbe.data());
+    return t;
+}
+
+double lonOf(int X) { return (X + 0.5) / kOutW * 360.0 - 180.0; }
+double latOf(int Y) { return 90.0 - (Y + 0.5) / kOutH * 180.0; }
+
+// True when the CPU model says the same (sampled or not) for the direction
+// and its neighbours half an output pixel away: the valid area's border does
+// not pass through this pixel.
+bool clearOfBorder(const LensModel& lens, int X, int Y)
+{
+    double x, y;
+    const bool centre = directionToPixel(lens, lonOf(X), latOf(Y), x, y);
+    const double dl = 0.5 * 360.0 / kOutW, db = 0.5 * 180.0 / kOutH;
+    for (const auto& o : {std::array<double, 2>{dl, 0}, {-dl, 0}, {0, db}, {0, -db}})
+        if (directionToPixel(lens, lonOf(X) + o[0], latOf(Y) + o[1], x, y) != centre)
+            return false;
+    return true;
+}
+
+
+
+const FloatImage& scene(const std::string& name)
+{
+    static std::vector<std::pair<std::string, FloatImage>> cache;
+    for (const auto& c : cache)
+        if (c.first == name)
+            return c.second;
+    cache.emplace_back(name, readPanoramaExr(std::string(TESSARA_SOURCE_DIR) + "/tests/data/panoramas/" + name));
+    return cache.back().second;
+}
+
+struct Stitched {
+    Capture capture;
+    int width = 0, height = 0;
+    std::vector<uint8_t> pixels;  // RGB or RGBE
+    FloatImage truth;             // linear, times the capture's scene gain
+    std::vector<uint8_t> coverage;
+};
+
+// A capture written to a temporary directory, removed with the object.
+struct CaptureFiles {
+    Capture capture;
+    fs::path dir;
+    std::string pts;
+    const FloatImage* pano = nullptr;
+    ~CaptureFiles() { fs::remove_all(dir); }
+};
+
+std::unique_ptr<CaptureFiles> photograph(const FloatImage& pano, CaptureOptions options)
+{
+    // 8-bit captures: bring the bright end of the scene below clipping, as
+    // the capture tool does, unless the caller chose a gain.
+    if (!options.hdr && options.sceneGain == 1.0)
+        options.sceneGain = ldrGain(pano);
+    auto files = std::make_unique<CaptureFiles>();
+    files->capture = planCapture(options);
+    files->pano = &pano;
+    files->dir = fs::temp_directory_path() /
+                 ("tessara_stitch_" + std::to_string(::getpid()) + "_" + options.stem);
+    fs::create_directories(files->dir);
+    writeCapture(pano, files->capture, files->dir.string(), false);
+    files->pts = (files->dir / (options.stem + ".pts")).string();
+    return files;
+}
+
+// Source images the stitch draws into each output column: entry 0 and, per
+// ring, the two ring neighbours of the column's strip (after the heading
+// turn). A direction that only an image of another strip sees cannot be
+// filled; such pixels (looking across the zenith from a tilted ring) are
+// left out of the comparisons.
+std::vector<uint8_t> drawableCoverage(const Capture& capture, int width, bool useOrientation, double margin)
+{
+    const int height = width / 2;
+    const bool fisheye = capture.fisheye;
+    const StitchLayout layout = stitchLayout(capture.shots.size() + (capture.hasOrientation ? 1 : 0));
+    const int slots = layout.slotCount, stripWidth = width / slots;
+    float heading = 0;
+    if (useOrientation && capture.hasOrientation)
+        heading = capture.orientation.yaw - capture.shots[1].entry.yaw;
+    const size_t shift = headingShiftBytes(layout, heading, width, 1);
+    const std::array<double, 9> frame = truthFrame(capture, useOrientation);
+    std::vector<LensProjection> lenses;
+    for (const CaptureShot& shot : capture.shots)
+        lenses.emplace_back(shot.camera);
+    std::vector<uint8_t> coverage(size_t(width) * height, 0);
+#pragma omp parallel for schedule(dynamic, 8)
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const int strip = int((size_t(x) + shift) % size_t(width)) / stripWidth + 1;
+            std::vector<int> drawn = {0, strip == 1 ? slots : strip - 1, strip};
+            if (!fisheye) {
+                drawn.push_back(strip + slots);
+                drawn.push_back(slots + 1 + strip % slots);
+            }
+            const std::array<double, 3> d = directionOf((x - (width - 1) / 2.0) * 360.0 / width,
+                                                        ((height - 1) / 2.0 - y) * 180.0 / height);
+            std::array<double, 3> world;
+            for (int r = 0; r < 3; ++r)
+                world[r] = frame[3 * r] * d[0] + frame[3 * r + 1] * d[1] + frame[3 * r + 2] * d[2];
+            int seen = 0;
+            for (const int k : drawn) {
+                double px, py;
+                const LensModel& l = lenses[k].lens();
+                seen += lenses[k].toPixel(world, px, py) && px >= margin - 0.5 && px <= l.w - 0.5 - margin &&
+                        py >= margin - 0.5 && py <= l.h - 0.5 - margin;
+            }
+            coverage[size_t(y) * width + x] = uint8_t(seen);
+        }
+    return coverage;
+}
+
+// Imports the capture's script as the program does, stitches it at `width`
+// and renders the truth at the same size.
+Stitched stitch(const CaptureFiles& files, int width, bool useOrientation)
+{
+    Stitched s;
+    s.capture = files.capture;
+    Project project = importPtsScript(files.pts);
+    s.width = width;
+    s.height = width / 2;
+    const bool hdr = files.capture.options.hdr;
+    s.pixels.assign(size_t(s.width) * s.height * (hdr ? 4 : 3), 0);
+    stitchEquirect(s.pixels.data(), s.width, s.height, files.pts, project, hdr, useOrientation);
+    s.truth = renderTruth(*files.pano, s.capture, width, useOrientation, nullptr, 2.0);
+    s.coverage = drawableCoverage(s.capture, width, useOrientation, 2.0);
+    return s;
+}
+
+// A panorama without edges: slow colour waves over the sphere. Resampling
+// reproduces it almost exactly, so whatever error remains comes from the
+// blending and the photometric corrections: a seam, halo or brightness step
+// stands out against quantisation noise.
+const FloatImage& smoothScene()
+{
+    static FloatImage pano;
+    if (pano.width == 0) {
+        pano = FloatImage(1024, 512);
+        for (int y = 0; y < pano.height; ++y)
+            for (int x = 0; x < pano.width; ++x) {
+                const double lon = (x + 0.5) / pano.width * 2 * M_PI - M_PI;
+                const double lat = M_PI / 2 - (y + 0.5) / pano.height * M_PI;
+                for (int c = 0; c < 3; ++c)
+                    pano.pixel(x, y)[c] = float(0.3 + 0.12 * std::sin(2 * lon + c) * std::cos(lat) +
+                                                0.08 * std::sin(3 * lat + 2 * c) +
+                                                0.05 * std::cos(5 * lon - c) * std::cos(lat));
+            }
+    }
+    return pano;
+}
+
+// Errors of the stitch against the truth over the pixels an image of their
+// strip sees: LDR in 8-bit levels, HDR relative to the truth after one global
+// scale (the panorama is normalised to a fixed mean exponent; pixels darker
+// than 1/1000 of the mean are left out of the relative figures, RGBE keeping
+// 8 bits of the largest channel only). Seams: RMS of the signed error by the
+// number of images that see a pixel (1, 2, 3+), and the largest bias of a
+// 9 x 9 block.
+struct Errors {
+    double psnr = 0, meanRelative = 0, p99Relative = 0, filled = 0;
+    double rms[4] = {0, 0, 0, 0}, bias[4] = {0, 0, 0, 0};
+    size_t count[4] = {0, 0, 0, 0};
+};
+
+Errors errorsOf(const Stitched& s)
+{
+    const int w = s.width, h = s.height;
+    const size_t n = size_t(w) * h;
+    const bool hdr = s.capture.options.hdr;
+    std::vector<float> ours(n * 3);
+    double sumOurs = 0, sumTruth = 0;
+    size_t covered = 0, filled = 0;
+    for (size_t i = 0; i < n; ++i) {
+        for (int c = 0; c < 3; ++c)
+            ours[i * 3 + c] = hdr ? 0.0f : float(s.pixels[i * 3 + c]);
+        if (hdr)
+            rgbeToFloat(&s.pixels[i * 4], &ours[i * 3]);
+        if (!s.coverage[i])
+            continue;
+        ++covered;
+        filled += hdr ? s.pixels[i * 4 + 3] != 0 : (s.pixels[i * 3] | s.pixels[i * 3 + 1] | s.pixels[i * 3 + 2]) != 0;
+        for (int c = 0; c < 3; ++c)
+            sumOurs += ours[i * 3 + c], sumTruth += s.truth.rgb[i * 3 + c];
+    }
+    Errors e;
+    e.filled = double(filled) / double(covered);
+    const double scale = sumTruth / sumOurs, floor = 1e-3 * sumTruth / double(covered);
+    std::vector<double> err(n, 0), relative;
+    std::vector<uint8_t> valid(n, 0);
+    double squares = 0;
+    for (size_t i = 0; i < n; ++i) {
+        if (!s.coverage[i])
+            continue;
+        double signedSum = 0, absSum = 0, ref = 0;
+        for (int c = 0; c < 3; ++c) {
+            const double t = s.truth.rgb[i * 3 + c];
+            const double d = hdr ? scale * ours[i * 3 + c] - t : ours[i * 3 + c] - 255.0 * srgbEncode(t);
+            signedSum += d, absSum += std::abs(d), squares += d * d;
+            ref += hdr ? t : 3;
+        }
+        err[i] = signedSum / ref;
+        valid[i] = 1;
+        if (hdr && ref > floor)
+            relative.push_back(absSum / ref);
+    }
+    e.psnr = 10 * std::log10(255.0 * 255.0 / (squares / (3.0 * double(covered))));
+    if (hdr) {
+        for (double r : relative)
+            e.meanRelative += r / double(relative.size());
+        std::nth_element(relative.begin(), relative.begin() + relative.size() * 99 / 100, relative.end());
+        e.p99Relative = relative[relative.size() * 99 / 100];
+    }
+    // Block sums through summed-area tables.
+    std::vector<double> sum(size_t(w + 1) * (h + 1), 0);
+    std::vector<int> cnt(sum.size(), 0);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const size_t i = size_t(y) * w + x, j = size_t(y + 1) * (w + 1) + x + 1;
+            sum[j] = err[i] + sum[j - 1] + sum[j - (w + 1)] - sum[j - (w + 1) - 1];
+            cnt[j] = valid[i] + cnt[j - 1] + cnt[j - (w + 1)] - cnt[j - (w + 1) - 1];
+        }
+    const auto box = [&](const auto& t, int x, int y) {
+        const size_t a = size_t(y - 4) * (w + 1) + x - 4, b = size_t(y + 5) * (w + 1) + x + 5;
+        return t[b] - t[b - 9] - t[a + 9] + t[a];
+    };
+    for (int y = 4; y < h - 5; ++y)
+        for (int x = 4; x < w - 5; ++x) {
+            const size_t i = size_t(y) * w + x;
+            if (!valid[i])
+                continue;
+            const int k = std::min<int>(s.coverage[i], 3);
+            e.rms[k] += err[i] * err[i];
+            ++e.count[k];
+            if (box(cnt, x, y) == 81)
+                e.bias[k] = std::max(e.bias[k], std::abs(box(sum, x, y) / 81.0));
+        }
+    for (int k = 1; k <= 3; ++k)
+        e.rms[k] = e.count[k] ? std::sqrt(e.rms[k] / double(e.count[k])) : 0.0;
+    return e;
+}
+
+}  // namespace
+
+
+// Every covered direction samples the position the CPU model gives, within
+// 0.01 px (the reference vectors' tolerance for a single-precision
+// implementation; float trigonometry on the GPU stays far below it), and the
+// shader covers exactly the directions the model calls valid (pixels that the
+// valid area's border crosses are left out of that count).
+TEST(StitchLens, ShaderSamplesWhereTheModelSays)
+{
+    for (const LensCase& c : lensCases()) {
+        SCOPED_TRACE(c.name);
+        const LensModel& lens = c.lens;
+        Shader program("fish", defines(lens.fisheye, false));
+        setLensUniforms(program, lens);
+        std::vector<float> xs, ys;
+        {
+            Texture ramp = coordinateImage(lens.w, lens.h, true);
+            xs = render(program, ramp);
+        }
+        {
+            Texture ramp = coordinateImage(lens.w, lens.h, false);
+            ys = render(program, ramp);
+        }
+        double maxError = 0, sumError = 0;
+        int compared = 0, coverageErrors = 0, covered = 0;
+        for (int Y = 0; Y < kOutH; ++Y)
+            for (int X = 0; X < kOutW; ++X) {
+                const size_t i = (size_t(Y) * kOutW + X) * 4;
+                double x, y;
+                const bool valid = directionToPixel(lens, lonOf(X), latOf(Y), x, y);
+                const bool drawn = xs[i + 2] > 0;
+                covered += drawn;
+                if (valid != drawn) {
+                    coverageErrors += clearOfBorder(lens, X, Y);
+                    continue;
+                }
+                // Inside the outer pixel centres the ramp is not clamped.
+                if (!valid || x < 0 || y < 0 || x > lens.w - 1 || y > lens.h - 1)
+                    continue;
+                const double gx = xs[i] + 256.0 * xs[i + 1];
+                const double gy = ys[i] + 256.0 * ys[i + 1];
+                const double err = std::max(std::abs(gx - x), std::abs(gy - y));
+                maxError = std::max(maxError, err);
+                sumError += err;
+                ++compared;
+            }
+        EXPECT_GT(compared, kOutW * kOutH / 40);
+        EXPECT_EQ(coverageErrors, 0) << "of " << covered << " covered";
+        EXPECT_LE(maxError, 0.01);
+        // Mean: float rounding of the whole chain, a few thousandths at most.
+        EXPECT_LE(sumError / std::max(compared, 1), 0.003);
+    }
+}
+
+// Vignetting and exposure: a flat source comes out as the model's gain at the
+// sampled position (divided by 1 + vb r^2 + vc r^4 + vd r^6 from the geometric
+// centre, times 2^exposure). HDR: on linear values, then the colour matrix.
+// LDR: the 8-bit value is decoded from sRGB, scaled and encoded again.
+// Thresholds: the float pipeline (exp2, pow, polynomial) is good to about
+// 1e-6 relative; 1e-4 leaves room for GPU transcendental functions while a
+// wrong convention (centre shifted by d, e, Va not 1, gain on encoded
+// values) moves results by percents.
+TEST(StitchLens, PhotometricGainFollowsTheModel)
+{
+    const LensModel lens = lensCases()[0].lens;
+    const std::array<float, 3> vign = {-0.35f, 0.12f, -0.08f};
+    const float exposure = 0.7f;
+    const float colorMat[9] = {2.048413f, -0.221627f, -0.007711f, -1.27161f, 1.776905f,
+                               -0.592619f, 0.223197f, -0.555277f, 1.60033f};
+    const auto srgbToLinear = [](double c) {
+        return c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4);
+    };
+    const auto linearToSrgb = [](double c) {
+        return c <= 0.0031308 ? c * 12.92 : 1.055 * std::pow(c, 1 / 2.4) - 0.055;
+    };
+
+    // HDR: (1, 0.5, 0.25) as RGBE.
+    Shader hdr("fish", defines(true, false));
+    setLensUniforms(hdr, lens, exposure, vign, colorMat);
+    std::vector<float> hdrOut;
+    {
+        Texture flat = flatImage(lens.w, lens.h, {128, 64, 32, 129});
+        hdrOut = render(hdr, flat);
+    }
+    // LDR: sRGB bytes, dark enough that the gain does not clip.
+    const std::array<uint8_t, 4> ldrPixel = {90, 40, 12, 255};
+    Shader ldr("fish", defines(true, true));
+    setLensUniforms(ldr, lens, exposure, vign);
+    std::vector<float> ldrOut;
+    {
+        Texture flat = flatImage(lens.w, lens.h, ldrPixel);
+        ldrOut = render(ldr, flat);
+    }
+
+    double hdrMax = 0, ldrMax = 0;
+    int compared = 0;
+    for (int Y = 0; Y < kOutH; ++Y)
+        for (int X = 0; X < kOutW; ++X) {
+            double x, y;
+            if (!directionToPixel(lens, lonOf(X), latOf(Y), x, y) || !clearOfBorder(lens, X, Y))
+                continue;
+            const double gain = photometricGain(lens.w, lens.h, x, y, 1.0, vign[0], vign[1], vign[2],
+                                                exposure, 0.0);
+            const size_t i = (size_t(Y) * kOutW + X) * 4;
+            const double linear[3] = {gain, 0.5 * gain, 0.25 * gain};
+            for (int ch = 0; ch < 3; ++ch) {
+                double expected = 0;
+                for (int k = 0; k < 3; ++k)
+                    expected += colorMat[3 * k + ch] * linear[k];
+                expected = std::max(expected, 0.0);
+                hdrMax = std::max(hdrMax, std::abs(hdrOut[i + ch] - expected) / gain);
+                const double ldrExpected =
+                    std::min(1.0, linearToSrgb(srgbToLinear(ldrPixel[ch] / 255.0) * gain));
+                ldrMax = std::max(ldrMax, std::abs(ldrOut[i + ch] - ldrExpected));
+            }
+            ++compared;
+        }
+    EXPECT_GT(compared, kOutW * kOutH / 4);
+    EXPECT_LE(hdrMax, 1e-4);
+    EXPECT_LE(ldrMax, 1e-4);
+}
+
+TEST(StitchRules, LayoutFollowsTheEntryCount)
+{
+    // Six images and the orientation entry: one fisheye ring.
+    const StitchLayout seven = stitchLayout(7);
+    EXPECT_EQ(seven.slotCount, 5);
+    EXPECT_EQ(seven.slotAngle, 72.0f);
+    EXPECT_TRUE(seven.fisheye);
+    const StitchLayout eight = stitchLayout(8);
+    EXPECT_EQ(eight.slotCount, 6);
+    EXPECT_EQ(eight.slotAngle, 60.0f);
+    EXPECT_FALSE(eight.fisheye);
+}
+
+// Rows turn left by the columns that bring longitude -heading to the centre:
+// (slot + 180 - q - heading) / 360 of the width, truncated, q a quarter slot
+// in the two-ring layout; a negative shift wraps once.
+TEST(StitchRules, HeadingShift)
+{
+    const StitchLayout fisheye = stitchLayout(7), twoRing = stitchLayout(14);
+    // No heading: 0.7 of the width for the fisheye layout.
+    EXPECT_EQ(headingShiftBytes(fisheye, 0.0f, 14140, 3), size_t(9898) * 3);
+    EXPECT_EQ(headingShiftBytes(twoRing, 0.0f, 2040, 4), size_t(1275) * 4);
+    // 252 - 37.5 = 214.5 degrees of 2000 columns is 1191.67: truncated.
+    EXPECT_EQ(headingShiftBytes(fisheye, 37.5f, 2000, 3), size_t(1191) * 3);
+    // Heading 300: (252 - 300) / 360 * 2000 = -266.67 -> -266, plus one row.
+    EXPECT_EQ(headingShiftBytes(fisheye, 300.0f, 2000, 4), size_t(2000 - 266) * 4);
+    // A heading of a full turn more lands on the same columns (no overrun).
+    EXPECT_EQ(headingShiftBytes(fisheye, 37.5f - 720.0f, 2000, 3), size_t(1191) * 3);
+    EXPECT_LT(headingShiftBytes(fisheye, 1e30f, 2000, 3), size_t(2000) * 3);
+}
+
+// The mean exponent over non-black pixels, truncated toward zero, moves to -2
+// (byte 126); black pixels stay black; bytes wrap modulo 256.
+TEST(StitchRules, ExposureNormalisation)
+{
+    // Exponents 128 + {-5, -4, -4, -6} and one black pixel: mean -4.75 -> -4,
+    // delta +2.
+    std::vector<uint8_t> rgbe = {1, 2, 3, 123, 9, 9, 9, 124, 0, 0, 0, 0, 7, 7, 7, 124, 5, 5, 5, 122};
+    EXPECT_TRUE(normalizeExposure(rgbe.data(), 5));
+    const std::vector<uint8_t> expected = {1, 2, 3, 125, 9, 9, 9, 126, 0, 0, 0, 0, 7, 7, 7, 126, 5, 5, 5, 124};
+    EXPECT_EQ(rgbe, expected);
+
+    // Bright scene (mean +100): delta -102 wraps below the byte range only
+    // for exponents that were already below it.
+    std::vector<uint8_t> bright = {1, 1, 1, 228, 1, 1, 1, 228};
+    EXPECT_TRUE(normalizeExposure(bright.data(), 2));
+    EXPECT_EQ(bright[3], 126);
+
+    // All black: no mean, nothing changes, no failure.
+    std::vector<uint8_t> black(4 * 16, 0);
+    black[0] = 200;  // mantissa bytes alone do not make a pixel lit
+    const std::vector<uint8_t> before = black;
+    EXPECT_FALSE(normalizeExposure(black.data(), 16));
+    EXPECT_EQ(black, before);
+}
+
+// The packing program against the CPU encoder, byte for byte, on random
+// floats whose largest channel spans RGBE's whole exponent range (from the
+// 1e-32 black limit to just below 2^128), channel ratios down to 2^-30, exact
+// powers of two and their neighbours, and zeros. The float source is bound by
+// hand with the per-unit uniforms the program reads.
+TEST(StitchRules, GpuRgbeMatchesTheCpuEncoder)
+{
+    const int w = 256, h = 64;
+    std::vector<float> rgb(size_t(w) * h * 3);
+    std::mt19937 rng(20240611);
+    std::uniform_real_distribution<float> unit(0.5f, 1.0f);
+    for (size_t i = 0; i < size_t(w) * h; ++i) {
+        const int e = -108 + int(rng() % 237), kind = int(rng() % 6);
+        const float top = kind == 0 ? std::ldexp(1.0f, e - 1)
+                          : kind == 1 ? std::nextafter(std::ldexp(1.0f, e - 1), 0.0f) : std::ldexp(unit(rng), e);
+        for (int c = 0; c < 3; ++c)
+            rgb[i * 3 + c] = top * std::ldexp(unit(rng), -int(rng() % 31));
+        rgb[i * 3 + rng() % 3] = top;
+        if (kind == 2)
+            rgb[i * 3 + rng() % 3] = 0.0f;
+    }
+    Shader pack("rgb2rgbe", "");
+    const GLenum target = Texture::target();
+    GLuint source = 0;
+    glGenTextures(1, &source);
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(target, source);
+    glTexParameteri(target, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+    glTexParameteri(target, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+    if (target == GL_TEXTURE_2D_ARRAY)
+        glTexImage3D(target, 0, GL_RGB32F, w, h, 1, 0, GL_RGB, GL_FLOAT, rgb.data());
+    else
+        glTexImage2D(target, 0, GL_RGB32F, w, h, 0, GL_RGB, GL_FLOAT, rgb.data());
+    Texture bytes(w, h, GL_RGBA8);
+    pack.use();
+    pack.setUniform2i("texSize0", w, h);
+    pack.setUniform("texIsRGBE0", 0);
+    pack.setUniform("texIsHDR0", 1);
+    bindAsRenderTarget(bytes);
+    fullScreenPass(w, h);
+    std::vector<uint8_t> out(size_t(w) * h * 4);
+    bytes.readPixels(out.data(), GL_RGBA);
+    glDeleteTextures(1, &source);
+    int mismatches = 0;
+    for (size_t i = 0; i < size_t(w) * h; ++i) {
+        uint8_t expected[4];
+        floatToRgbe(rgb[i * 3], rgb[i * 3 + 1], rgb[i * 3 + 2], expected);
+        mismatches += std::memcmp(expected, &out[i * 4], 4) != 0;
+    }
+    EXPECT_EQ(mismatches, 0);
+    EXPECT_EQ(glErrorReport(__FILE__, __LINE__), "");
+}
+
+// A project that lacks ring images fails with a message before any GL work.
+TEST(StitchRules, IncompleteProjectIsAnError)
+{
+    Project project;
+    project.images.resize(4);
+    std::vector<uint8_t> pixels(100 * 50 * 3);
+    try {
+        stitchEquirect(pixels.data(), 100, 50, "/nonexistent/p.pts", project, false, true);
+        FAIL() << "no exception";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "project has 4 entries, but a capture of 5 slots needs 6 source images");
+    }
+}
+
+
+
+// 8-bit captures stitched at 2000 columns against their truth, rendered from
+// the same panorama with supersampling. What remains is resampling blur at
+// hard edges and 8-bit/JPEG noise (about 46 dB); 36 dB is required, and a
+// heading off by half a degree (1.4 px here) already falls below it. The
+// stitch must fill what the capture sees, up to pixels seen only by an image
+// its strip does not draw.
+// - The lens conventions' capture (5 slots, zenith image, portrait ring at
+//   roll -90, distorted and shifted fisheye), no orientation line: entry 1's
+//   direction lands at the centre column.
+// - A nadir image, vignetting, per-image exposure and an orientation line:
+//   the heading puts world longitude 0 at the centre (36 degrees are exactly
+//   200 columns here) and the correction levels the horizon; without the
+//   orientation entry 1 stays centred and the horizon unlevelled.
+// - Two rings of six rectilinear images and a zenith image.
+static void expectLdrCaptureMatches(const char* name, const CaptureOptions& options, int width, std::vector<bool> orientations)
+{
+    const auto files = photograph(scene(name), options);
+    for (const bool useOrientation : orientations) {
+        const Errors e = errorsOf(stitch(*files, width, useOrientation));
+        std::printf("%s (orientation %d): PSNR %.2f dB, filled %.4f\n", options.stem.c_str(), int(useOrientation),
+                    e.psnr, e.filled);
+        EXPECT_GE(e.psnr, 36.0) << "orientation " << useOrientation;
+        EXPECT_GE(e.filled, 0.995) << "orientation " << useOrientation;
+    }
+}
+
+TEST(StitchCapture, LdrFisheye)
+{
+    CaptureOptions o;
+    o.stem = "fisheye";
+    expectLdrCaptureMatches("courtyard.exr", o, 2000, {true});
+}
+
+TEST(StitchCapture, LdrNadirVignettingExposureOrientation)
+{
+    CaptureOptions o;
+    o.stem = "nadir";
+    o.zenith = false;
+    o.vignetting = o.exposure = o.orientation = true;
+    o.heading = 36;
+    o.levelPitch = 4;
+    o.levelRoll = -3;
+    o.ptsYawOffset = 100;
+    expectLdrCaptureMatches("city.exr", o, 2000, {true, false});
+}
+
+TEST(StitchCapture, LdrTwoRings)
+{
+    CaptureOptions o;
+    o.stem = "rings";
+    o.layout = CaptureLayout::TwoRing;
+    o.vignetting = o.exposure = true;
+    expectLdrCaptureMatches("courtyard.exr", o, 2040, {false});
+}
+
+// Radiance sources in camera colours (the colour matrix of entry 0's width
+// turns them back), vignetting and exposure: 2 % mean relative error after
+// one global scale is required; RGBE truncation alone costs about 0.5 %, the
+// 99th percentile bounds what edges add. A camera the colour table does not
+// know gets the zero matrix: a black panorama, which the exposure
+// normalisation, finding no lit pixel, leaves so.
+TEST(StitchCapture, HdrCaptureMatchesItsPanorama)
+{
+    CaptureOptions o;
+    o.stem = "hdr";
+    o.hdr = o.vignetting = o.exposure = true;
+    const auto files = photograph(scene("courtyard.exr"), o);
+    const Errors e = errorsOf(stitch(*files, 2000, false));
+    std::printf("HDR: mean relative error %.4f, 99th percentile %.4f, filled %.4f\n", e.meanRelative, e.p99Relative,
+                e.filled);
+    EXPECT_LE(e.meanRelative, 0.02);
+    EXPECT_LE(e.p99Relative, 0.15);
+    EXPECT_GE(e.filled, 0.995);
+
+    Project unknown = importPtsScript(files->pts);
+    unknown.images[0].width = 1234;
+    std::vector<uint8_t> black(size_t(400) * 200 * 4, 0);
+    stitchEquirect(black.data(), 400, 200, files->pts, unknown, true, false);
+    EXPECT_EQ(std::count(black.begin(), black.end(), 0), std::ptrdiff_t(black.size()));
+}
+
+// No seam on a scene without edges (slow colour waves: resampling
+// reproduces it almost exactly), in both layouts, LDR and HDR, with
+// vignetting and exposure. Where several images overlap the RMS error may
+// exceed that where one image alone sees the scene by at most 20 % plus 0.1
+// level, and no 9 x 9 block may be biased by more than 1 level (LDR) or 1 %
+// (HDR): a visible line or step is several levels along its length, while
+// rounding and JPEG noise average out to a few tenths in a block.
+static void expectNoSeams(const char* name, CaptureLayout layout, bool hdr)
+{
+    CaptureOptions o;
+    o.stem = name;
+    o.layout = layout;
+    o.hdr = hdr;
+    o.vignetting = o.exposure = true;
+    o.scale = 0.2;
+    o.sceneGain = ldrGain(smoothScene(), 1.0, 0.6);  // dark enough that no source clips even at -0.5 EV
+    const auto files = photograph(smoothScene(), o);
+    const Errors e = errorsOf(stitch(*files, layout == CaptureLayout::Fisheye ? 1600 : 1608, false));
+    for (int k = 1; k <= 3; ++k)
+        std::printf("%s, seen by %d: %zu px, rms %.4f, worst 9x9 bias %.4f\n", name, k, e.count[k], e.rms[k], e.bias[k]);
+    const double biasBound = hdr ? 0.01 : 1.0, noiseFloor = hdr ? 0.001 : 0.1;
+    ASSERT_GT(e.count[2] + e.count[3], e.count[1]);
+    for (int k = 1; k <= 3; ++k) {
+        if (k > 1 && e.count[1] > 1000) {
+            EXPECT_LE(e.rms[k], 1.2 * e.rms[1] + noiseFloor) << "seen by " << k;
+        }
+        EXPECT_LE(e.bias[k], biasBound) << "seen by " << k;
+    }
+}
+
+TEST(StitchCapture, NoSeamsLdrFisheye) { expectNoSeams("seam_fisheye", CaptureLayout::Fisheye, false); }
+TEST(StitchCapture, NoSeamsLdrTwoRings) { expectNoSeams("seam_tworing", CaptureLayout::TwoRing, false); }
+TEST(StitchCapture, NoSeamsHdrFisheye) { expectNoSeams("seam_hdr", CaptureLayout::Fisheye, true); }

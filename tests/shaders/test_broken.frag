@@ -1,5 +1,0 @@
-// Deliberately does not compile.
-void main()
-{
-    fragColor = undefinedThing;
-}

@@ -1,0 +1,68 @@
+#include "GLSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <random>
+
+#include "libglutil/Framebuffer.h"
+#include "libglutil/Shader.h"
+#include "libglutil/Texture.h"
+#include "support/Support.h"
+
+namespace fs = std::filesystem;
+
+namespace support {
+
+std::vector<uint8_t> patternBytes(size_t count, uint32_t seed)
+{
+    std::mt19937 rng(seed);
+    std::vector<uint8_t> bytes(count);
+    for (auto& b : bytes)
+        b = uint8_t(rng() >> 24);
+    return bytes;
+}
+
+void installTestShaders()
+{
+    static bool done = false;
+    if (done)
+        return;
+    const fs::path dir = fs::path(Shader::filePath("stdlib.frag")).parent_path();
+    for (const auto& entry : fs::directory_iterator(sourcePath("shaders")))
+        fs::copy_file(entry.path(), dir / entry.path().filename(), fs::copy_options::overwrite_existing);
+    done = true;
+}
+
+std::vector<uint8_t> readRGBA(Texture& target, int w, int h)
+{
+    w = w ? w : target.tileWidth();
+    h = h ? h : target.height();
+    std::vector<uint8_t> out(size_t(w) * size_t(h) * 4);
+    target.readPixels(out.data(), GL_RGBA, w, h);
+    return out;
+}
+
+std::vector<uint8_t> runPass(Shader& program, const Texture* image, int w, int h,
+                             const std::function<void()>& setUniforms, GLenum format)
+{
+    program.use();
+    if (image)
+        image->bind(GL_TEXTURE0);
+    Texture target(w, h, format);
+    bindAsRenderTarget(target);
+    if (setUniforms)
+        setUniforms();
+    glClear(GL_COLOR_BUFFER_BIT);
+    fullScreenPass(w, h);
+    return readRGBA(target);
+}
+
+bool coreContext()
+{
+    GLint mask = 0;
+    glGetIntegerv(GL_CONTEXT_PROFILE_MASK, &mask);
+    return (mask & GL_CONTEXT_CORE_PROFILE_BIT) != 0;
+}
+
+}  // namespace support

@@ -1,0 +1,33 @@
+#pragma once
+// Helpers of the GL tests: deterministic bytes, the test passes in
+// tests/shaders, and running a pass over a target to read it back.
+#include <GL/glew.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+class Shader;
+class Texture;
+
+namespace support {
+
+// Pseudo-random bytes (fixed seed per call site): any misplaced row, column
+// or channel shows up.
+std::vector<uint8_t> patternBytes(size_t count, uint32_t seed);
+
+// Copies tests/shaders/*.frag to where the program loads its shaders from.
+void installTestShaders();
+
+// Reads `target` (first piece) as RGBA bytes, rows in memory order.
+std::vector<uint8_t> readRGBA(Texture& target, int w = 0, int h = 0);
+
+// Draws `program` over a new w x h target of `format` with `image` (if any)
+// on unit 0, after `setUniforms`, and returns the target's RGBA bytes.
+std::vector<uint8_t> runPass(Shader& program, const Texture* image, int w, int h,
+                             const std::function<void()>& setUniforms = {}, GLenum format = GL_RGBA8);
+
+bool coreContext();
+
+}  // namespace support
