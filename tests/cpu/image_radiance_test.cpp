@@ -126,11 +126,6 @@ TEST(Radiance, ExponentStatisticsLine)
     encode(img, &line);
     EXPECT_EQ(line, "8x1, M: 2, m: -3 -> 5 f-stops, mean: -3\n");
 
-    Image single(4, 2, 4);  // one lit pixel with E = 130 leaves m at 128
-    single.pixel(3, 1)[0] = 200;
-    single.pixel(3, 1)[3] = 130;
-    encode(single, &line);
-    EXPECT_EQ(line, "4x2, M: 2, m: 128 -> -126 f-stops, mean: 2\n");
     encode(Image(3, 3, 4), &line);  // nothing lit: the mean is 0/0
     EXPECT_EQ(line.rfind("3x3, M: -127, m: 128 -> -255 f-stops, mean: ", 0), 0u) << line;
     EXPECT_NE(line.find("nan"), std::string::npos) << line;

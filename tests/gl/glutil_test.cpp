@@ -85,41 +85,6 @@ std::pair<double, double> samplingError(const Texture& image, const std::vector<
 
 }  // namespace
 
-// Upload in 256-row bands and readback return every byte, for rows that are
-// not a multiple of 4 bytes, heights ending inside a band, a row stride that
-// selects a view, and readbacks above 4096 x 4096 that go in bands of
-// 8388608 / w rows honouring the caller's GL_PACK_ROW_LENGTH.
-TEST(TextureTransfer, UploadAndReadbackAreExact)
-{
-    const struct { int w, h; GLenum internal, format; } cases[] = {
-        {301, 517, GL_RGB8, GL_RGB}, {300, 257, GL_RGBA8, GL_RGBA}, {1, 1, GL_RGBA8, GL_RGBA}};
-    for (const auto& c : cases) {
-        const auto pixels = patternBytes(size_t(c.w) * c.h * channelsOf(c.format), 1000u + c.w + c.h);
-        Texture tex = textureOf(c.w, c.h, c.internal, c.format, pixels.data());
-        std::vector<uint8_t> back(pixels.size());
-        tex.readPixels(back.data(), c.format);
-        EXPECT_TRUE(back == pixels) << c.w << "x" << c.h;
-    }
-    const int stride = 1002;
-    const auto buffer = patternBytes(size_t(stride) * 300, 7);
-    Texture view = textureOf(123, 300, GL_RGB8, GL_RGB, buffer.data() + 5, stride);
-    std::vector<uint8_t> back(123 * 3 * 300);
-    view.readPixels(back.data(), GL_RGB);
-    EXPECT_TRUE(back == packRows(buffer.data() + 5, 300, 123 * 3, stride));
-
-    const int w = 4100;
-    const auto pixels = patternBytes(size_t(w) * w * 4, 99);
-    Texture big = textureOf(w, w, GL_RGBA8, GL_RGBA, pixels.data());
-    std::vector<uint8_t> corner(size_t(w) * 4097 * 4, 0);
-    glPixelStorei(GL_PACK_ROW_LENGTH, w);
-    big.readPixels(corner.data(), GL_RGBA, 4097, 4097);
-    glPixelStorei(GL_PACK_ROW_LENGTH, 0);
-    size_t bad = 0;
-    for (int y = 0; y < 4097; ++y)
-        bad += std::memcmp(&corner[size_t(y) * w * 4], &pixels[size_t(y) * w * 4], 4097 * 4) != 0;
-    EXPECT_EQ(bad, 0u);
-}
-
 // Wider than 10000 and at most 8192 high splits at the 8192 cap into two
 // halves; an odd width drops its last column (the shader clamps to the one
 // before); sampling across the seam equals sampling a whole image.
