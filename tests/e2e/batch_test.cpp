@@ -7,7 +7,9 @@
 #include <fstream>
 #include <regex>
 
-#include "RunProgram.h"
+#include "support/Support.h"
+
+using namespace support;
 
 namespace fs = std::filesystem;
 

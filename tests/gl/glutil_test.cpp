@@ -1,5 +1,5 @@
-// The GL layer against the real driver: texture upload, readback and
-// splitting, and stdlib.frag's sampling, RGBE and sRGB helpers against CPU
+// The GL layer against the real driver: texture splitting, the shared
+// program cache, and stdlib.frag's sampling, RGBE and sRGB helpers against CPU
 // references.
 #include <gtest/gtest.h>
 
@@ -14,6 +14,7 @@
 #include "libglutil/Framebuffer.h"
 #include "libglutil/GLError.h"
 #include "libglutil/Shader.h"
+#include "libglutil/ShaderCache.h"
 #include "libglutil/Texture.h"
 #include "support/GLSupport.h"
 #include "support/Support.h"
@@ -206,4 +207,35 @@ TEST(ShaderStdlib, SrgbCurvesMatchTheStandard)
     }
     EXPECT_LE(worst, 1.0);
     EXPECT_LT(sum / (256 * 3), 0.35);
+}
+
+// A program from the shared cache comes back as the same GL program but in the
+// state of a fresh build: uniforms zero, samplers on their units, current.
+TEST(ShaderProgram, SharedProgramIsReusedInAFreshState)
+{
+    support::installTestShaders();
+    releaseSharedShaders();
+    const Shader& first = sharedShader("test_copy", "");
+    first.setUniform2i("offset", 3, 4);
+    first.setUniform("texUnit0", 5);
+    glUseProgram(0);
+
+    const Shader& again = sharedShader("test_copy", "");
+    EXPECT_EQ(&again, &first);
+    GLint current = 0, offset[2] = {-1, -1}, unit = -1;
+    glGetIntegerv(GL_CURRENT_PROGRAM, &current);
+    glGetUniformiv(again.program(), again.uniformLocation("offset"), offset);
+    glGetUniformiv(again.program(), again.uniformLocation("texUnit0"), &unit);
+    EXPECT_EQ(GLuint(current), again.program());
+    EXPECT_EQ(offset[0], 0);
+    EXPECT_EQ(offset[1], 0);
+    EXPECT_EQ(unit, 0);
+
+    EXPECT_NE(sharedShader("test_copy", "#define OTHER\n").program(), first.program());
+    EXPECT_EQ(sharedShaderCount(), 2u);
+    const GLuint name = first.program();
+    releaseSharedShaders();
+    EXPECT_FALSE(glIsProgram(name));
+    EXPECT_EQ(sharedShaderCount(), 0u);
+    EXPECT_EQ(glErrorReport(__FILE__, __LINE__), "");
 }
