@@ -21,6 +21,7 @@
 #include "passes/Stitch.h"
 #include "passes/Thumbnail.h"
 #include "passes/Tonemap.h"
+#include "passes/WebViewers.h"
 #include "project/PtsImport.h"
 #include "project/TspProject.h"
 
@@ -163,10 +164,12 @@ int runRenderJob(JobOptions& options)
 
     if (options.writeErJpg) {
         // A panorama no wider than the thumbnail takes the thumbnail's name.
-        writeJpeg(rgb, width > 1000 ? prefix + ".jpg" : thumbnailPath);
+        writeJpeg(rgb, width > 1000 ? prefix + ".jpg" : thumbnailPath, {photoSphereXmp(rgb.width, rgb.height)});
         finishStage("save (equirect JPG)");
     }
-    if (options.writeCfJpg)
+    if (options.writeCfJpg) {
         writeCubeFacesJpeg(rgb, options.cfWidth, prefix);
+        writeWebViewerFiles(options.cfWidth, prefix);
+    }
     return 0;
 }

@@ -87,6 +87,7 @@ bool decodeJpegRows(jpeg_decompress_struct* cinfo, ErrorManager* err, uint8_t* p
 struct RowSource {
     const ImageView* view;
     uint8_t* scratch;  // one packed row, used when the view's pixel step is not 3
+    const std::vector<JpegMarker>* markers;
 };
 
 bool encodeJpeg(jpeg_compress_struct* cinfo, ErrorManager* err, FILE* file, const RowSource* src, bool* created)
@@ -104,6 +105,9 @@ bool encodeJpeg(jpeg_compress_struct* cinfo, ErrorManager* err, FILE* file, cons
     jpeg_set_defaults(cinfo);
     jpeg_set_quality(cinfo, 90, TRUE);
     jpeg_start_compress(cinfo, TRUE);
+    for (const JpegMarker& m : *src->markers)
+        jpeg_write_marker(cinfo, m.code, reinterpret_cast<const JOCTET*>(m.payload.data()),
+                          unsigned(m.payload.size()));
     const int32_t step = v.step();
     for (int32_t y = 0; y < v.height; ++y) {
         JSAMPROW row = v.row(y);
@@ -139,7 +143,7 @@ FILE* openFileNamed(const std::string& path, const char* mode, const std::string
     return f;
 }
 
-void writeJpegTo(FILE* file, const ImageView& rgb, const std::string& path)
+void writeJpegTo(FILE* file, const ImageView& rgb, const std::string& path, const std::vector<JpegMarker>& markers)
 {
     if (rgb.width <= 0 || rgb.height <= 0 || rgb.width > JPEG_MAX_DIMENSION || rgb.height > JPEG_MAX_DIMENSION)
         throw std::runtime_error(formatText("Error writing JPEG file '%s': unsupported image size %dx%d",
@@ -147,7 +151,12 @@ void writeJpegTo(FILE* file, const ImageView& rgb, const std::string& path)
     if (rgb.step() < 3)
         throw std::runtime_error(formatText("Error writing JPEG file '%s': pixels are not RGB", path.c_str()));
     std::vector<uint8_t> scratch(rgb.step() == 3 ? 0 : size_t(rgb.width) * 3);
-    RowSource src{&rgb, scratch.empty() ? nullptr : scratch.data()};
+    for (const JpegMarker& m : markers)
+        if (m.payload.size() > 65533)
+            throw std::runtime_error(formatText("Error writing JPEG file '%s': a metadata segment of %zu bytes "
+                                                "does not fit in one marker",
+                                                path.c_str(), m.payload.size()));
+    RowSource src{&rgb, scratch.empty() ? nullptr : scratch.data(), &markers};
 
     jpeg_compress_struct cinfo;
     ErrorManager err;
@@ -198,10 +207,10 @@ Image readJpeg(const std::string& path)
     return image;
 }
 
-void writeJpeg(const ImageView& rgb, const std::string& path)
+void writeJpeg(const ImageView& rgb, const std::string& path, const std::vector<JpegMarker>& markers)
 {
     if (path == "-") {
-        writeJpegTo(stdout, rgb, path);
+        writeJpegTo(stdout, rgb, path, markers);
         if (std::fflush(stdout) != 0)
             throw std::runtime_error(
                 formatText("Error writing JPEG file '%s': %s", path.c_str(), std::strerror(errno)));
@@ -209,10 +218,37 @@ void writeJpeg(const ImageView& rgb, const std::string& path)
     }
     AtomicOutputFile out(path);
     FilePtr file(openFileNamed(out.tempPath(), "wb", path));
-    writeJpegTo(file.get(), rgb, path);
+    writeJpegTo(file.get(), rgb, path, markers);
     FILE* f = file.release();
     const bool failed = std::ferror(f) != 0;
     if (std::fclose(f) != 0 || failed)
         throw std::runtime_error(formatText("Error writing JPEG file '%s': %s", path.c_str(), std::strerror(errno)));
     out.commit();
+}
+
+JpegMarker photoSphereXmp(int width, int height)
+{
+    // The standard XMP segment: namespace URI, a zero byte, then one packet.
+    std::string xmp("http://ns.adobe.com/xap/1.0/", 29);
+    xmp += formatText(
+        "<?xpacket begin=\"\xEF\xBB\xBF\" id=\"W5M0MpCehiHzreSzNTczkc9d\"?>\n"
+        "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\">\n"
+        " <rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\">\n"
+        "  <rdf:Description rdf:about=\"\" xmlns:GPano=\"http://ns.google.com/photos/1.0/panorama/\">\n"
+        "   <GPano:ProjectionType>equirectangular</GPano:ProjectionType>\n"
+        "   <GPano:UsePanoramaViewer>True</GPano:UsePanoramaViewer>\n"
+        "   <GPano:CroppedAreaImageWidthPixels>%d</GPano:CroppedAreaImageWidthPixels>\n"
+        "   <GPano:CroppedAreaImageHeightPixels>%d</GPano:CroppedAreaImageHeightPixels>\n"
+        "   <GPano:FullPanoWidthPixels>%d</GPano:FullPanoWidthPixels>\n"
+        "   <GPano:FullPanoHeightPixels>%d</GPano:FullPanoHeightPixels>\n"
+        "   <GPano:CroppedAreaLeftPixels>0</GPano:CroppedAreaLeftPixels>\n"
+        "   <GPano:CroppedAreaTopPixels>0</GPano:CroppedAreaTopPixels>\n"
+        "   <GPano:PosePitchDegrees>0</GPano:PosePitchDegrees>\n"
+        "   <GPano:PoseRollDegrees>0</GPano:PoseRollDegrees>\n"
+        "  </rdf:Description>\n"
+        " </rdf:RDF>\n"
+        "</x:xmpmeta>\n"
+        "<?xpacket end=\"r\"?>",
+        width, height, width, height);
+    return {JPEG_APP0 + 1, xmp};
 }

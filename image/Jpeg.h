@@ -4,6 +4,7 @@
 // turned into exceptions instead of ending the process.
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "image/ImageView.h"
 
@@ -19,7 +20,21 @@ FILE* openFile(const std::string& path, const char* mode);
 // data throws "Error reading JPEG file '%s': <libjpeg message>".
 Image readJpeg(const std::string& path);
 
+// An application segment written after the JPEG's own headers: the marker
+// code (JPEG_APP0 + n) and its payload (at most 65533 bytes).
+struct JpegMarker {
+    int code;
+    std::string payload;
+};
+
 // Writes an 8-bit RGB view (pixel step 3 or more, the first three bytes R, G,
-// B) as a baseline JPEG of quality 90. "-" writes to standard output; any
-// other path is written through an AtomicOutputFile. Errors name `path`.
-void writeJpeg(const ImageView& rgb, const std::string& path);
+// B) as a baseline JPEG of quality 90, with `markers` after the JFIF header.
+// "-" writes to standard output; any other path is written through an
+// AtomicOutputFile. Errors name `path`.
+void writeJpeg(const ImageView& rgb, const std::string& path, const std::vector<JpegMarker>& markers = {});
+
+// The XMP segment (APP1) that marks a full 360 x 180 degree equirectangular
+// image of width x height pixels as a photo sphere (Google's GPano fields):
+// the image is the whole panorama, levelled (pose pitch and roll 0); no
+// heading, since the capture's compass direction is not known.
+JpegMarker photoSphereXmp(int width, int height);

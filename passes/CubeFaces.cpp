@@ -228,7 +228,7 @@ void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const std::string& o
         std::filesystem::create_directories(directory);
 
     const int tile = cubeTileSize(faceSize);
-    const int top = int(std::lround(std::log2(double(faceSize / tile))));
+    const int top = pyramidLevelCount(faceSize) - 1;
     renderFaces(input, faceSize, [&](int face, Texture& target) {
         Image image(faceSize, faceSize, 3);
         target.readPixels(image.data, GL_RGB);

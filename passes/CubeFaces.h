@@ -45,6 +45,10 @@ Mat3f yawPitchMatrix(float yawDeg, float pitchDeg);
 // Tile edge for face size s: s halved while it is above 512 and even.
 int cubeTileSize(int faceSize);
 
+// Levels of the tile pyramid: level l (0 = smallest) holds faces of
+// cubeTileSize(s) << l pixels in 2^l x 2^l tiles; the last level is the full face.
+int pyramidLevelCount(int faceSize);
+
 // "%d_%s_%02d_%02d.jpg" of the pyramid.
 std::string pyramidTileName(int level, const char* letter, int row, int column);
 

@@ -30,6 +30,14 @@ int cubeTileSize(int faceSize)
     return t;
 }
 
+int pyramidLevelCount(int faceSize)
+{
+    int levels = 1;
+    for (int t = cubeTileSize(faceSize); t < faceSize; t *= 2)
+        ++levels;
+    return levels;
+}
+
 std::string pyramidTileName(int level, const char* letter, int row, int column)
 {
     char name[64];

@@ -74,6 +74,6 @@ void makeThumbnail(const ImageView& panorama, bool hdr, const std::string& thumb
     }
 
     const ImageView thumbnail = halveBox(sample);
-    writeJpeg(thumbnail, thumbnailPath);
+    writeJpeg(thumbnail, thumbnailPath, {photoSphereXmp(thumbnail.width, thumbnail.height)});
     finishStage("thumbnail");
 }

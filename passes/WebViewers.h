@@ -1,0 +1,30 @@
+#pragma once
+// Configurations of the common web panorama viewers (Pannellum, Marzipano,
+// Photo Sphere Viewer 5, krpano) written beside the JPEG cube faces, so that
+// the faces and the tile pyramid open in them as they are: no renamed tiles,
+// no edited files. Relative URLs in them are relative to their own folder.
+//
+// Beside the six faces prefix_<letter>.jpg: prefix + "_pannellum.json",
+// "_marzipano.js", "_psv.js" and "_krpano.xml". Inside a tile pyramid's
+// folder: "pannellum.json", "marzipano.js", "psv.js", "krpano.xml" and an
+// "index.html" that shows the pyramid in Marzipano when the folder is served
+// over HTTP.
+//
+// Where a viewer's URL template cannot spell the tile names (zero-padded row
+// and column, level 0 the smallest), its file addresses tiles through a
+// function (the two JavaScript modules); Pannellum 2.5, whose multires
+// template can do neither, gets the one-tile level of the pyramid as a cube.
+#include <string>
+#include <vector>
+
+struct TextOutput {
+    std::string path;
+    std::string text;
+};
+
+// The files for faces of faceSize pixels written under `outputPrefix`
+// (a pyramid when it ends in "/" or "\").
+std::vector<TextOutput> webViewerFiles(int faceSize, const std::string& outputPrefix);
+
+// Writes webViewerFiles(), each atomically.
+void writeWebViewerFiles(int faceSize, const std::string& outputPrefix);
