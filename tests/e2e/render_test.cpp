@@ -33,6 +33,8 @@ using namespace support;
 namespace {
 
 const char* const kFaces[] = {"r", "l", "u", "d", "b", "f"};
+// Written beside JPEG faces for the web viewers.
+const char* const kViewerFiles[] = {"pannellum.json", "marzipano.js", "psv.js", "krpano.xml"};
 
 // A smooth RGBE panorama (about 0.02 to 40, no flat areas), or one colour
 // everywhere (small files), written as a Radiance file.
@@ -175,6 +177,8 @@ TEST(ImageInput, EveryOutputKindFromAnEquirectImage)
     std::set<std::string> expected{"pano.hdr", "pano.jpg", "pano.exr", "pano thumbnail.jpg"};
     for (const char* f : kFaces)
         expected.insert(std::string("pano_") + f + ".jpg");
+    for (const char* f : kViewerFiles)
+        expected.insert(std::string("pano_") + f);
     EXPECT_EQ(filesIn(dir / "out"), expected);
     // The width option does not apply to an image; nothing touches its pixels.
     const Image hdr = readRadiance(dir / "out/pano.hdr");
@@ -220,7 +224,7 @@ TEST(ImageInput, EveryOutputKindFromAnEquirectImage)
     const RunResult tiles = runRenderer({dir / "in.hdr", "--cf-jpg", "--cf-width", "1000", "--output-prefix", dir / "tiles/"});
     ASSERT_EQ(tiles.status, 0) << tiles.err;
     EXPECT_EQ(countLinesWith(tiles.err, "Adjusting output cubeface width from 1000 to 1000 = 500 * 2^1."), 1);
-    EXPECT_EQ(filesIn(dir / "tiles").size(), 30u);
+    EXPECT_EQ(filesIn(dir / "tiles").size(), 30u + 5);  // and the viewers' files with index.html
     EXPECT_EQ(jpegSize(dir / "tiles/1_d_01_01.jpg"), (std::array<int, 2>{500, 500}));
     expectNoServerLeft();
 }
@@ -265,6 +269,8 @@ TEST(Capture, LdrCaptureWritesTheEightBitOutputs)
     std::set<std::string> expected{"pano.jpg", "pano thumbnail.jpg"};
     for (const char* f : kFaces)
         expected.insert(std::string("pano_") + f + ".jpg");
+    for (const char* f : kViewerFiles)
+        expected.insert(std::string("pano_") + f);
     EXPECT_EQ(filesIn(out.path()), expected);
     EXPECT_EQ(jpegSize(out / "pano.jpg"), (std::array<int, 2>{2400, 1200}));
     EXPECT_EQ(jpegSize(out / "pano_u.jpg"), (std::array<int, 2>{600, 600}));
