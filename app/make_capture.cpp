@@ -27,6 +27,7 @@ const char* const kUsage =
     "  --pts-yaw deg              yaw the script gives the first ring image\n"
     "  --jitter deg               random change of every rig angle (seeded by --seed n)\n"
     "  --nadir                    entry 0 looks down instead of up\n"
+    "  --detail stops             fine grain and edges of up to this many stops (default 0)\n"
     "  --supersample n            samples per pixel along each axis (default: automatic, >= 2)\n"
     "  --gain g                   multiply the panorama first (default for 8-bit: automatic)\n"
     "  --stem name                file name stem (default \"capture\")\n"
@@ -101,6 +102,8 @@ int run(int argc, char** argv)
             o.seed = unsigned(number(value(), "--seed"));
         } else if (a == "--nadir") {
             o.zenith = false;
+        } else if (a == "--detail") {
+            o.detail = number(value(), "--detail");
         } else if (a == "--supersample") {
             o.supersample = int(number(value(), "--supersample"));
         } else if (a == "--gain") {

@@ -544,9 +544,53 @@ double srgbEncode(double linear)
     return v <= 0.0031308 ? 12.92 * v : 1.055 * std::pow(v, 1 / 2.4) - 0.055;
 }
 
+namespace {
+
+// A well-mixed 64-bit value of the inputs (the finaliser of splitmix64).
+uint64_t mix(uint64_t a, uint64_t b, uint64_t c)
+{
+    uint64_t z = a * 0x9E3779B97F4A7C15ull ^ (b + 0x632BE59BD9B4E019ull) * 0xBF58476D1CE4E5B9ull ^
+                 (c + 0x2545F4914F6CDD1Dull) * 0x94D049BB133111EBull;
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    return z ^ (z >> 31);
+}
+
+// Uniform in [-1, 1) from 16 bits of h, starting at bit `shift`.
+double signedUnit(uint64_t h, int shift)
+{
+    return double((h >> shift) & 0xFFFF) / 32768.0 - 1.0;
+}
+
+}  // namespace
+
+void addDetail(FloatImage& img, double amount, unsigned seed, int index)
+{
+    if (amount <= 0)
+        return;
+    // Cells of 3 x 3 pixels, each of its own level, give edges every few
+    // pixels; the grain varies per pixel and per channel.
+    constexpr int kCell = 3;
+    const uint64_t key = (uint64_t(seed) << 20) ^ uint64_t(index);
+#pragma omp parallel for schedule(static)
+    for (int y = 0; y < img.height; ++y)
+        for (int x = 0; x < img.width; ++x) {
+            const uint64_t cell = mix(key, uint64_t(x / kCell), uint64_t(y / kCell));
+            const uint64_t grain = mix(key + 1, uint64_t(x), uint64_t(y));
+            // Mostly brightness, as most of a photograph's detail is.
+            const double shared = 0.4 * signedUnit(cell, 0) + 0.45 * signedUnit(grain, 48);
+            float* p = img.pixel(x, y);
+            for (int c = 0; c < 3; ++c) {
+                const double t = shared + 0.15 * signedUnit(grain, 16 * c);
+                p[c] = float(p[c] * std::exp2(amount * t));
+            }
+        }
+}
+
 std::string writeShot(const FloatImage& pano, const Capture& cap, int index, const std::string& dir)
 {
-    const FloatImage img = renderShot(pano, cap, index);
+    FloatImage img = renderShot(pano, cap, index);
+    addDetail(img, cap.options.detail, cap.options.seed, index);
     const std::string path = (std::filesystem::path(dir) / cap.shots.at(index).entry.fileName).string();
     if (cap.options.hdr) {
         Image rgbe(img.width, img.height, 4);

@@ -72,6 +72,7 @@ struct CaptureOptions {
     double panoEv = 0;          // EV of the output the renderer makes (its gain divides by 2^panoEv)
     double sceneGain = 1;       // panorama values are multiplied by this first
     int supersample = 0;        // samples per source pixel along each axis; 0 = auto (at least 2)
+    double detail = 0;          // stops of fine texture writeShot adds (0: none; seeded by seed)
     std::string stem = "capture";
 };
 
@@ -112,9 +113,16 @@ FloatImage renderShot(const FloatImage& pano, const Capture& capture, int index)
 std::string ptsScript(const Capture& capture, const std::string& sourceName = "");
 std::string tspDocument(const Capture& capture);
 
+// Multiplies every pixel of a rendered source by 2^(amount * t), t a texture
+// in [-1, 1] of sensor grain and sharp-edged cells a few pixels across,
+// seeded by (seed, index): the full-resolution detail of a real photograph
+// that a smooth panorama lacks, so that codecs work as hard as on one.
+// Black stays black.
+void addDetail(FloatImage& image, double amount, unsigned seed, int index);
+
 // Renders source image `index` and writes it into `dir` under its file name:
-// 8-bit sRGB JPEG, or Radiance RGBE (rounded to nearest) for HDR. Returns
-// the path.
+// 8-bit sRGB JPEG, or Radiance RGBE (rounded to nearest) for HDR, with the
+// detail of `options.detail` added. Returns the path.
 std::string writeShot(const FloatImage& pano, const Capture& capture, int index, const std::string& dir);
 
 // Writes stem.pts and, with `tsp`, stem.tsp into `dir` (created if needed).
