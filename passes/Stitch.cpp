@@ -23,7 +23,9 @@
 #include "libglutil/Shader.h"
 #include "libglutil/Stage.h"
 #include "libglutil/Texture.h"
+#include "passes/StitchReach.h"
 #include "project/CameraUniforms.h"
+#include "project/LensModel.h"
 
 namespace {
 
@@ -84,9 +86,9 @@ public:
 class EquirectStitcher {
 public:
     EquirectStitcher(uint8_t* pixels, int outWidth, int outHeight, const std::string& projectPath,
-                     Project& project, bool hdr, bool useOrientation)
+                     Project& project, bool hdr, bool useOrientation, bool boundDraws)
         : pixels_(pixels), outWidth_(outWidth), outHeight_(outHeight), projectPath_(projectPath),
-          images_(project.images), hdr_(hdr), useOrientation_(useOrientation),
+          images_(project.images), hdr_(hdr), useOrientation_(useOrientation), boundDraws_(boundDraws),
           layout_(stitchLayout(project.images.size()))
     {
     }
@@ -102,6 +104,7 @@ private:
     void release(Texture& texture) { spare_ = std::move(texture); }
     std::string sourcePath(size_t index) const;
     void drawImage(int strip, size_t entryIndex, bool openSouthFlag, const Texture& texture);
+    void boundedPass(const ImageEntry& entry, const Texture& source, const Mat3& cameraMat, const Texture& target);
     void readBackStrip(int strip);
     void turnToHeading();
 
@@ -109,7 +112,7 @@ private:
     int outWidth_, outHeight_;
     std::string projectPath_;
     std::vector<ImageEntry>& images_;
-    bool hdr_, useOrientation_;
+    bool hdr_, useOrientation_, boundDraws_;
     StitchLayout layout_;
 
     float heading_ = 0;
@@ -270,6 +273,7 @@ void EquirectStitcher::drawImage(int strip, size_t entryIndex, bool openSouthFla
     const int openSouth = !openSouthFlag ? 0 : (std::fabs(images_[1].roll) >= 45.0f ? 2 : 1);
     const ImageEntry& entry = images_[entryIndex];
     const std::pair<float, float> stripOffset{stripYaw, 0.0f};
+    const Mat3 cameraMat = cameraMatrix(entry.yaw, entry.pitch, entry.roll, correction_, stripOffset);
 
     glEnable(GL_BLEND);
 
@@ -281,7 +285,7 @@ void EquirectStitcher::drawImage(int strip, size_t entryIndex, bool openSouthFla
     bindAsRenderTarget(stripTarget_);
     if (entryIndex == 0)
         glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
-    fullScreenPass(stripTarget_.width(), stripTarget_.height());
+    boundedPass(entry, texture, cameraMat, stripTarget_);
 
     // The mask program never samples unit 1, the texture it renders into.
     mask_->use();
@@ -292,11 +296,33 @@ void EquirectStitcher::drawImage(int strip, size_t entryIndex, bool openSouthFla
     bindAsRenderTarget(maskTarget_);
     if (entryIndex == 0)
         glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
-    fullScreenPass(maskTarget_.width(), maskTarget_.height());
+    boundedPass(entry, texture, cameraMat, maskTarget_);
 
     glDisable(GL_BLEND);
     GL_CHECK();
     finishStage("render");
+}
+
+// The full-screen pass of the program in use over the target, limited by the
+// scissor to the part the source can reach: the shader discards every other
+// fragment, so the target ends up exactly as after a pass over all of it.
+void EquirectStitcher::boundedPass(const ImageEntry& entry, const Texture& source, const Mat3& cameraMat,
+                                   const Texture& target)
+{
+    if (!boundDraws_) {
+        fullScreenPass(target.width(), target.height());
+        return;
+    }
+    LensModel lens = lensModelOf(entry, layout_.fisheye);
+    lens.w = source.width();
+    lens.h = source.height();
+    const PixelRect reach = reachInTarget(lens, cameraMat, layout_.slotAngle, target.width(), target.height());
+    if (reach.empty())
+        return;
+    glEnable(GL_SCISSOR_TEST);
+    glScissor(reach.x0, reach.y0, reach.x1 - reach.x0, reach.y1 - reach.y0);
+    fullScreenPass(target.width(), target.height());
+    glDisable(GL_SCISSOR_TEST);
 }
 
 void EquirectStitcher::readBackStrip(int strip)
@@ -410,8 +436,8 @@ size_t headingShiftBytes(const StitchLayout& layout, float heading, int outWidth
 }
 
 void stitchEquirect(uint8_t* pixels, int outWidth, int outHeight, const std::string& projectPath,
-                    Project& project, bool hdr, bool useOrientation)
+                    Project& project, bool hdr, bool useOrientation, bool boundDraws)
 {
     ReuseFreedMemory reuse;
-    EquirectStitcher(pixels, outWidth, outHeight, projectPath, project, hdr, useOrientation).run();
+    EquirectStitcher(pixels, outWidth, outHeight, projectPath, project, hdr, useOrientation, boundDraws).run();
 }
