@@ -240,12 +240,14 @@ Image readRawPreview(const std::string& path)
     return rgb;
 }
 
-Texture loadImage(const std::string& path)
+Texture loadImage(const std::string& path, int maxReduction, int* reduction)
 {
+    if (reduction)
+        *reduction = 1;
     switch (optionHash(lowerExtension(path))) {
     case "jpg"_oh:
     case "jpeg"_oh:
-        return rgbTexture(readJpeg(path));
+        return rgbTexture(readJpeg(path, maxReduction, reduction));
     case "cr2"_oh:
         return rgbTexture(readRawPreview(path));
     case "hdr"_oh:

@@ -14,7 +14,10 @@
 #include "image/ImageView.h"
 #include "libglutil/Texture.h"
 
-Texture loadImage(const std::string& path);
+// maxReduction > 1 lets a JPEG be decoded at 1/2, 1/4 or 1/8 size (see
+// readJpeg); `reduction`, when given, receives the factor used (1 for the
+// other types).
+Texture loadImage(const std::string& path, int maxReduction = 1, int* reduction = nullptr);
 
 // Runs `dcraw -e -c <path> | djpeg -fast -ppm -scale 1/8` (two processes joined
 // by a pipe, no shell: the path reaches dcraw as one argument whatever it

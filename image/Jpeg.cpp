@@ -58,7 +58,8 @@ void setupErrorManager(ErrorManager& err)
 // allocating whatever a corrupt header declares.
 constexpr long kMaxJpegWorkingMemory = 2L << 30;
 
-bool readJpegHeader(jpeg_decompress_struct* cinfo, ErrorManager* err, FILE* file, bool* created)
+bool readJpegHeader(jpeg_decompress_struct* cinfo, ErrorManager* err, FILE* file, bool* created,
+                    int maxReduction)
 {
     if (setjmp(err->jump))
         return false;
@@ -67,6 +68,14 @@ bool readJpegHeader(jpeg_decompress_struct* cinfo, ErrorManager* err, FILE* file
     cinfo->mem->max_memory_to_use = kMaxJpegWorkingMemory;
     jpeg_stdio_src(cinfo, file);
     jpeg_read_header(cinfo, TRUE);
+    // The largest of libjpeg's DCT scalings that divides the image evenly, so
+    // that every output pixel averages whole source pixels.
+    for (unsigned s = 8; s >= 2; s /= 2)
+        if (int(s) <= maxReduction && cinfo->image_width % s == 0 && cinfo->image_height % s == 0) {
+            cinfo->scale_num = 1;
+            cinfo->scale_denom = s;
+            break;
+        }
     jpeg_calc_output_dimensions(cinfo);
     return true;
 }
@@ -177,7 +186,7 @@ FILE* openFile(const std::string& path, const char* mode)
     return openFileNamed(path, mode, path);
 }
 
-Image readJpeg(const std::string& path)
+Image readJpeg(const std::string& path, int maxReduction, int* reduction)
 {
     FilePtr file(openFile(path, "rb"));
 
@@ -196,10 +205,12 @@ Image readJpeg(const std::string& path)
         }
     } destroy{&cinfo, &created};
 
-    if (!readJpegHeader(&cinfo, &err, file.get(), &created))
+    if (!readJpegHeader(&cinfo, &err, file.get(), &created, maxReduction))
         throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), err.message));
     if (cinfo.output_components != 3)
         throw std::runtime_error("can not open JPEG with color format other than RGB");
+    if (reduction)
+        *reduction = int(cinfo.scale_denom / cinfo.scale_num);
     // Image checks width x height x 3 against the allocation limit itself.
     Image image(int32_t(cinfo.output_width), int32_t(cinfo.output_height), 3);
     if (!decodeJpegRows(&cinfo, &err, image.data, size_t(image.stride())))

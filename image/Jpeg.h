@@ -18,7 +18,13 @@ FILE* openFile(const std::string& path, const char* mode);
 // top first). Anything that does not decode to 3 components throws
 // "can not open JPEG with color format other than RGB"; corrupt or truncated
 // data throws "Error reading JPEG file '%s': <libjpeg message>".
-Image readJpeg(const std::string& path);
+// With maxReduction 2, 4 or 8 the image is decoded at 1/s of its size by
+// libjpeg's DCT scaling, s the largest power of two up to maxReduction that
+// divides width and height (1 when none does): output pixel (i, j) then
+// covers source pixels [s i, s i + s) x [s j, s j + s), so its centre lies at
+// source position (s i + (s - 1) / 2, s j + (s - 1) / 2) and the image
+// centre stays where it was. `reduction`, when given, receives s.
+Image readJpeg(const std::string& path, int maxReduction = 1, int* reduction = nullptr);
 
 // An application segment written after the JPEG's own headers: the marker
 // code (JPEG_APP0 + n) and its payload (at most 65533 bytes).

@@ -14,11 +14,17 @@
 // `projectPath`. The entries' yaw values are made relative to entry 1 in place.
 // With `useOrientation`, a trailing orientation entry turns the panorama to its
 // heading and levels it. HDR results are normalised to a mean exponent of -2.
-// Each source is drawn only over the part of a strip it can reach; with
-// `boundDraws` false, over the whole strip (the same pixels, slower).
 // Needs a current GL context; failures are exceptions.
+struct StitchTuning {
+    // Each source is drawn only over the part of a strip it can reach; else
+    // over the whole strip (the same pixels, slower).
+    bool boundDraws = true;
+    // A JPEG source with at least twice the panorama's pixels per degree is
+    // decoded at 1/2, 1/4 or 1/8 of its size (see readJpeg).
+    bool reduceSources = true;
+};
 void stitchEquirect(uint8_t* pixels, int outWidth, int outHeight, const std::string& projectPath,
-                    Project& project, bool hdr, bool useOrientation, bool boundDraws = true);
+                    Project& project, bool hdr, bool useOrientation, const StitchTuning& tuning = {});
 
 // The capture layout, decided by the number of project entries (the
 // orientation entry counts): up to 7 entries are one ring of fisheye images

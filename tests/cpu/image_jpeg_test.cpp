@@ -133,3 +133,47 @@ TEST(Jpeg, FailuresNameTheFile)
     support::writeFile(path, bytes);
     EXPECT_EQ(errorOf([&] { readJpeg(path); }), "Image size 65000x65000 is too large");
 }
+
+// Decoding at 1/2, 1/4, 1/8 size: the largest scaling up to the limit that
+// divides both sides, each output pixel the mean of its s x s block of the
+// full decode (so its centre lies at s i + (s - 1) / 2), not of a block half
+// a step off.
+TEST(Jpeg, ReducedDecodingAveragesWholeBlocks)
+{
+    struct Case {
+        int w, h, maxReduction, expected;
+    };
+    support::TempDir dir;
+    const std::string path = dir / "r.jpg";
+    for (const Case c : {Case{96, 64, 8, 8}, Case{96, 64, 2, 2}, Case{100, 60, 8, 4}, Case{97, 61, 8, 1},
+                         Case{96, 64, 1, 1}}) {
+        SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h) + " /" + std::to_string(c.maxReduction));
+        writeJpeg(photo(c.w, c.h), path);
+        const Image full = readJpeg(path);
+        int s = 0;
+        const Image small = readJpeg(path, c.maxReduction, &s);
+        ASSERT_EQ(s, c.expected);
+        ASSERT_EQ(small.width, c.w / s);
+        ASSERT_EQ(small.height, c.h / s);
+        if (s == 1)
+            continue;
+        double aligned = 0, shifted = 0;
+        int n = 0;
+        for (int j = 0; j + 1 < small.height; ++j)
+            for (int i = 0; i + 1 < small.width; ++i)
+                for (int ch = 0; ch < 3; ++ch) {
+                    double block = 0, half = 0;
+                    for (int y = 0; y < s; ++y)
+                        for (int x = 0; x < s; ++x) {
+                            block += full.pixel(s * i + x, s * j + y)[ch];
+                            half += full.pixel(s * i + x + s / 2, s * j + y + s / 2)[ch];
+                        }
+                    const double v = small.pixel(i, j)[ch];
+                    aligned += std::abs(v - block / (s * s));
+                    shifted += std::abs(v - half / (s * s));
+                    ++n;
+                }
+        EXPECT_LE(aligned / n, 1.5);
+        EXPECT_GT(shifted / n, 2 * aligned / n);
+    }
+}
