@@ -83,7 +83,6 @@ ParseAction parseOptions(int argc, char** argv, JobOptions& options)
             break;
         }
     }
-    options.thumbnailPath = std::filesystem::path(options.outputPrefix.string() + " thumbnail.jpg");
     return ParseAction::RunJob;
 }
 

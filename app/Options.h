@@ -23,7 +23,6 @@ struct JobOptions {
     bool writeErJpg = false;
     bool writeCfExr = false;
     bool writeCfJpg = false;
-    std::filesystem::path thumbnailPath;  // outputPrefix text + " thumbnail.jpg"
 };
 
 // Hash values of the option texts. Dispatch compares these values only, so an

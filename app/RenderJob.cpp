@@ -7,7 +7,6 @@
 #include <stdexcept>
 #include <string>
 
-#include "app/PathUtil.h"
 #include "app/RenderPlan.h"
 #include "image/FormatText.h"
 #include "image/ImageView.h"
@@ -33,9 +32,6 @@ struct Panorama {
     Image buffer;
     int32_t width = 0;
     int32_t height = 0;
-    bool hdr = false;
-    bool upsideDown = false;
-    std::string projectPath;  // document embedded into EXR outputs; empty for an image input
 
     ImageView rgbe() const { return view(4); }
     ImageView rgb() const { return view(3); }
@@ -51,35 +47,19 @@ struct Panorama {
     }
 };
 
-// Loads the project, decides mode and sizes, and stitches it.
-Panorama stitchProject(JobOptions& options)
+// Loads the project, completes the plan from it and stitches it.
+Panorama stitchProject(RenderPlan& plan, int32_t givenWidth)
 {
-    const std::string input = options.inputPath.string();
-    Panorama pano;
-    Project project;
-    if (hasExtensionIn(input, "tsp")) {
-        project = loadTspProject(input);
-        pano.projectPath = input;
-    } else {
-        project = importPtsScript(input);
-        pano.projectPath = std::filesystem::path(options.inputPath).replace_extension("tsp").string();
-    }
+    Project project =
+        plan.input == InputKind::TspProject ? loadTspProject(plan.inputPath) : importPtsScript(plan.inputPath);
     printProjectListing(project, std::cerr);
+    planProject(plan, project, givenWidth, std::cerr);
 
-    pano.hdr = isHdrProject(project);
-    pano.upsideDown = applyUpsideDownRule(project);
-    const int slots = slotCountOf(project);
-    if (options.erWidth == 0)
-        options.erWidth = defaultEquirectWidth(project, slots);
-    else
-        options.erWidth = adjustEquirectWidth(options.erWidth, slots, std::cerr);
-    if (options.erWidth <= 0)
-        throw std::runtime_error(formatText("Invalid output equirect width %d", options.erWidth));
-
-    pano.width = options.erWidth;
-    pano.height = pano.width / 2;
-    pano.buffer = Image(pano.width, pano.height, pano.hdr ? 4 : 3);
-    stitchEquirect(pano.buffer.data, pano.width, pano.height, input, project, pano.hdr, options.autoLevel);
+    Panorama pano;
+    pano.width = plan.width;
+    pano.height = plan.height;
+    pano.buffer = Image(pano.width, pano.height, plan.hdr ? 4 : 3);
+    stitchEquirect(pano.buffer.data, pano.width, pano.height, plan.inputPath, project, plan.hdr, plan.autoLevel);
     return pano;
 }
 
@@ -97,79 +77,70 @@ void writeRadianceOutput(const ImageView& rgbe, const std::string& path)
     file.commit();
 }
 
-}  // namespace
-
-int runRenderJob(JobOptions& options)
+// The finishing passes and the writes of a complete plan, in their fixed order.
+void executePlan(const RenderPlan& plan, Panorama& pano)
 {
-    const std::string input = options.inputPath.string();
-    const std::string prefix = options.outputPrefix.string();
-    const std::string thumbnailPath = options.thumbnailPath.string();
-
-    Panorama pano;
-    if (!hasExtensionIn(input, "hdr exr")) {
-        pano = stitchProject(options);
-    } else {
-        pano.buffer = hasExtensionIn(input, "hdr") ? readRadiance(input) : readExr(input);
-        pano.width = pano.buffer.width;
-        pano.height = pano.buffer.height;
-        finishStage("read hdr/exr");
-        if (!isRenderedEquirectSize(pano.width, pano.height)) {
-            std::cerr << "can only reproject equirect hdr images that have been rendered with this tool "
-                         "(unsupported image dimensions "
-                      << pano.width << "x" << pano.height << ") -> tonemapping only" << std::endl;
-            writeJpeg(tonemap(pano.rgbe()), prefix + ".jpg");
-            finishStage("save (JPG)");
-            return -1;
-        }
-        pano.hdr = true;
-    }
-    const int32_t width = pano.width;
-
-    if (options.cfWidth == 0)
-        options.cfWidth = width / 4;
-    if (options.writeCfExr || endsWithSeparator(prefix))
-        options.cfWidth = roundCubeFaceWidth(options.cfWidth, std::cerr);
-    if ((options.writeCfJpg || (options.writeCfExr && pano.hdr)) && options.cfWidth < 1)
-        throw std::runtime_error(formatText("Invalid cube face width %d", options.cfWidth));
-
-    const int bytesPerPixel = pano.hdr ? 4 : 3;
-    if (!options.logoPath.empty())
-        drawLogo(width, pano.height, pano.buffer.data, bytesPerPixel * width, options.logoPath.string(), pano.hdr);
-    if (pano.upsideDown) {
-        reversePixels(pano.buffer.data, int64_t(width) * pano.height, bytesPerPixel);
+    const int bytesPerPixel = plan.hdr ? 4 : 3;
+    if (!plan.logoPath.empty())
+        drawLogo(pano.width, pano.height, pano.buffer.data, bytesPerPixel * pano.width, plan.logoPath, plan.hdr);
+    if (plan.upsideDown) {
+        reversePixels(pano.buffer.data, int64_t(pano.width) * pano.height, bytesPerPixel);
         finishStage("upside_down");
     }
     // The thumbnail exists before the EXR outputs that embed it.
-    if (width >= 2000 && !endsWithSeparator(prefix))
-        makeThumbnail(pano.view(bytesPerPixel), pano.hdr, thumbnailPath);
+    if (plan.writesThumbnail())
+        makeThumbnail(pano.view(bytesPerPixel), plan.hdr, plan.thumbnailPath);
 
     ImageView rgb = pano.rgb();
-    if (pano.hdr) {
+    if (plan.hdr) {
         const ImageView rgbe = pano.rgbe();
-        if (options.writeErHdr) {
-            writeRadianceOutput(rgbe, prefix + ".hdr");
+        if (plan.writeErHdr) {
+            writeRadianceOutput(rgbe, plan.radiancePath());
             finishStage("save (equirect HDR)");
         }
-        if (options.writeErExr) {
-            writeEquirectExr(rgbe, prefix + ".exr", options.exrCompression, thumbnailPath, pano.projectPath);
+        if (plan.writeErExr) {
+            writeEquirectExr(rgbe, plan.exrPath(), plan.exrCompression, plan.thumbnailPath, plan.projectPath);
             finishStage("save (equirect EXR)");
         }
-        if (options.writeCfExr)
-            writeCubeFacesExr(rgbe, options.cfWidth, prefix, options.exrCompression, thumbnailPath,
-                              pano.projectPath);
-        if (!options.writeErJpg && !options.writeCfJpg)
-            return 0;
+        if (plan.writeCfExr)
+            writeCubeFacesExr(rgbe, plan.cubeFaceWidth, plan.exrPath(), plan.exrCompression, plan.thumbnailPath,
+                              plan.projectPath);
+        if (!plan.writeErJpg && !plan.writeCfJpg)
+            return;
         rgb = tonemap(rgbe);
     }
 
-    if (options.writeErJpg) {
-        // A panorama no wider than the thumbnail takes the thumbnail's name.
-        writeJpeg(rgb, width > 1000 ? prefix + ".jpg" : thumbnailPath, {photoSphereXmp(rgb.width, rgb.height)});
+    if (plan.writeErJpg) {
+        writeJpeg(rgb, plan.equirectJpegPath(), {photoSphereXmp(rgb.width, rgb.height)});
         finishStage("save (equirect JPG)");
     }
-    if (options.writeCfJpg) {
-        writeCubeFacesJpeg(rgb, options.cfWidth, prefix);
-        writeWebViewerFiles(options.cfWidth, prefix);
+    if (plan.writeCfJpg) {
+        writeCubeFacesJpeg(rgb, plan.cubeFaceWidth, CubeJpegNames(plan.outputPrefix));
+        writeWebViewerFiles(plan.cubeFaceWidth, plan.outputPrefix);
     }
+}
+
+}  // namespace
+
+int runRenderJob(const JobOptions& options)
+{
+    RenderPlan plan = planInput(options);
+    Panorama pano;
+    if (plan.isProject()) {
+        pano = stitchProject(plan, options.erWidth);
+    } else {
+        pano.buffer = plan.input == InputKind::RadianceImage ? readRadiance(plan.inputPath) : readExr(plan.inputPath);
+        pano.width = pano.buffer.width;
+        pano.height = pano.buffer.height;
+        finishStage("read hdr/exr");
+        planImageInput(plan, pano.width, pano.height, std::cerr);
+        if (plan.tonemapOnly) {
+            writeJpeg(tonemap(pano.rgbe()), plan.tonemapOnlyPath());
+            finishStage("save (JPG)");
+            return -1;
+        }
+    }
+    planOutputs(plan, options.cfWidth, std::cerr);
+    executePlan(plan, pano);
     return 0;
 }

@@ -8,5 +8,5 @@
 // the selected outputs in their fixed order. Returns 0, or -1 when an image
 // input of a size this program does not render was only tone-mapped to a
 // JPEG. Every failure is an exception; no output file is left half written.
-// Adjusts options.erWidth and options.cfWidth to the sizes used.
-int runRenderJob(JobOptions& options);
+// The decisions are made into a RenderPlan first; `options` is left as given.
+int runRenderJob(const JobOptions& options);

@@ -5,11 +5,15 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
 #include "app/PathUtil.h"
+#include "image/FormatText.h"
+#include "passes/CubeFaces.h"
+#include "passes/WebViewers.h"
 
 void printProjectListing(const Project& project, std::ostream& log)
 {
@@ -102,4 +106,103 @@ void reversePixels(uint8_t* pixels, int64_t pixelCount, int bytesPerPixel)
         std::memcpy(a, b, n);
         std::memcpy(b, tmp, n);
     }
+}
+
+RenderPlan planInput(const JobOptions& options)
+{
+    RenderPlan plan;
+    plan.inputPath = options.inputPath.string();
+    if (hasExtensionIn(plan.inputPath, "hdr exr"))
+        plan.input = hasExtensionIn(plan.inputPath, "hdr") ? InputKind::RadianceImage : InputKind::ExrImage;
+    else if (hasExtensionIn(plan.inputPath, "tsp"))
+        plan.input = InputKind::TspProject;
+    else
+        plan.input = InputKind::PtsScript;
+    if (plan.input == InputKind::TspProject)
+        plan.projectPath = plan.inputPath;
+    else if (plan.input == InputKind::PtsScript)
+        plan.projectPath = std::filesystem::path(options.inputPath).replace_extension("tsp").string();
+
+    plan.outputPrefix = options.outputPrefix.string();
+    plan.thumbnailPath = plan.outputPrefix + " thumbnail.jpg";
+    plan.tileFolder = endsWithSeparator(plan.outputPrefix);
+    plan.logoPath = options.logoPath.string();
+    plan.exrCompression = options.exrCompression;
+    plan.autoLevel = options.autoLevel;
+    plan.writeErExr = options.writeErExr;
+    plan.writeErHdr = options.writeErHdr;
+    plan.writeErJpg = options.writeErJpg;
+    plan.writeCfExr = options.writeCfExr;
+    plan.writeCfJpg = options.writeCfJpg;
+    return plan;
+}
+
+void planProject(RenderPlan& plan, Project& project, int32_t givenWidth, std::ostream& log)
+{
+    plan.hdr = isHdrProject(project);
+    plan.upsideDown = applyUpsideDownRule(project);
+    plan.slotCount = slotCountOf(project);
+    plan.width = givenWidth == 0 ? defaultEquirectWidth(project, plan.slotCount)
+                                 : adjustEquirectWidth(givenWidth, plan.slotCount, log);
+    if (plan.width <= 0)
+        throw std::runtime_error(formatText("Invalid output equirect width %d", plan.width));
+    plan.height = plan.width / 2;
+}
+
+void planImageInput(RenderPlan& plan, int32_t width, int32_t height, std::ostream& log)
+{
+    plan.width = width;
+    plan.height = height;
+    plan.hdr = true;
+    plan.tonemapOnly = !isRenderedEquirectSize(width, height);
+    if (plan.tonemapOnly) {
+        log << "can only reproject equirect hdr images that have been rendered with this tool "
+               "(unsupported image dimensions "
+            << width << "x" << height << ") -> tonemapping only" << std::endl;
+        plan.outputFiles = {plan.tonemapOnlyPath()};
+    }
+}
+
+void planOutputs(RenderPlan& plan, int32_t givenCubeFaceWidth, std::ostream& log)
+{
+    plan.cubeFaceWidth = givenCubeFaceWidth == 0 ? plan.width / 4 : givenCubeFaceWidth;
+    if (plan.writeCfExr || plan.tileFolder)
+        plan.cubeFaceWidth = roundCubeFaceWidth(plan.cubeFaceWidth, log);
+    if ((plan.writeCfJpg || (plan.writeCfExr && plan.hdr)) && plan.cubeFaceWidth < 1)
+        throw std::runtime_error(formatText("Invalid cube face width %d", plan.cubeFaceWidth));
+
+    std::vector<std::string>& files = plan.outputFiles;
+    files.clear();
+    if (plan.writesThumbnail())
+        files.push_back(plan.thumbnailPath);
+    if (plan.hdr) {
+        if (plan.writeErHdr)
+            files.push_back(plan.radiancePath());
+        // The cube map EXR takes the equirect EXR's name and replaces it.
+        if ((plan.writeErExr || plan.writeCfExr) &&
+            std::find(files.begin(), files.end(), plan.exrPath()) == files.end())
+            files.push_back(plan.exrPath());
+    }
+    if (plan.writeErJpg && std::find(files.begin(), files.end(), plan.equirectJpegPath()) == files.end())
+        files.push_back(plan.equirectJpegPath());
+    if (plan.writeCfJpg) {
+        const std::vector<std::string> faces = CubeJpegNames(plan.outputPrefix).all(plan.cubeFaceWidth);
+        files.insert(files.end(), faces.begin(), faces.end());
+        for (const TextOutput& viewer : webViewerFiles(plan.cubeFaceWidth, plan.outputPrefix))
+            files.push_back(viewer.path);
+    }
+}
+
+void printPlan(const RenderPlan& plan, std::ostream& out)
+{
+    static const char* const kInputs[] = {"tsp project", "pts script", "hdr image", "exr image"};
+    out << "input: " << plan.inputPath << " (" << kInputs[int(plan.input)] << ")\n"
+        << "mode: " << (plan.hdr ? "HDR" : "LDR") << (plan.upsideDown ? ", upside down" : "")
+        << (plan.tonemapOnly ? ", tone-mapping only" : "") << "\n";
+    if (plan.isProject())
+        out << "slots: " << plan.slotCount << "\n";
+    out << "equirect: " << plan.width << " x " << plan.height << "\n"
+        << "cube face: " << plan.cubeFaceWidth << "\n";
+    for (const std::string& file : plan.outputFiles)
+        out << "writes: " << file << "\n";
 }

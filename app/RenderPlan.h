@@ -1,11 +1,84 @@
 #pragma once
-// The decisions of a render job that need no GPU: which mode, how many
-// capture slots, the output sizes and their console messages, and the
-// in-memory turn of an upside-down capture.
+// The decisions of a render job, made once into a RenderPlan before the job
+// acts on them: input kind, mode, slot count, output sizes with their console
+// messages and every output file. None of this needs a GL context.
+//
+// The plan is made in three steps, each at the point of the job where its
+// facts are known and where its console lines and failures belong:
+//   planInput          from the options alone (input kind, output names);
+//   planProject /      from the loaded project (mode, slots, equirect width)
+//   planImageInput     or from the size of a .hdr/.exr input;
+//   planOutputs        cube face width and the list of files to write.
 #include <cstdint>
 #include <ostream>
+#include <string>
+#include <vector>
 
+#include "app/Options.h"
 #include "project/Project.h"
+
+enum class InputKind {
+    TspProject,     // ".tsp" project document
+    PtsScript,      // anything else that is not an image: a pts script
+    RadianceImage,  // ".hdr" panorama this program rendered
+    ExrImage,       // ".exr" panorama this program rendered
+};
+
+struct RenderPlan {
+    // From the options.
+    InputKind input = InputKind::PtsScript;
+    std::string inputPath;
+    std::string projectPath;    // document embedded into EXR outputs; empty for an image input
+    std::string outputPrefix;
+    std::string thumbnailPath;  // outputPrefix text + " thumbnail.jpg"
+    bool tileFolder = false;    // the prefix names a folder: JPEG faces as a tile pyramid, no thumbnail
+    std::string logoPath;       // empty: no logo
+    std::string exrCompression;
+    bool autoLevel = true;
+    bool writeErExr = false, writeErHdr = false, writeErJpg = false, writeCfExr = false, writeCfJpg = false;
+
+    // From the project or the image input.
+    bool hdr = false;
+    bool upsideDown = false;   // turn the panorama by 180 degrees
+    bool tonemapOnly = false;  // image input of a size this program does not render
+    int slotCount = 0;         // projects only
+    int32_t width = 0;         // equirect panorama
+    int32_t height = 0;
+
+    // From planOutputs.
+    int32_t cubeFaceWidth = 0;
+    std::vector<std::string> outputFiles;  // every file the job writes, in the order it writes them
+
+    bool isProject() const { return input == InputKind::TspProject || input == InputKind::PtsScript; }
+    bool writesThumbnail() const { return width >= 2000 && !tileFolder; }
+    // The equirect JPEG: a panorama no wider than the thumbnail takes the thumbnail's name.
+    std::string equirectJpegPath() const { return width > 1000 ? outputPrefix + ".jpg" : thumbnailPath; }
+    std::string radiancePath() const { return outputPrefix + ".hdr"; }
+    std::string exrPath() const { return outputPrefix + ".exr"; }
+    // The JPEG written instead of everything else when tonemapOnly.
+    std::string tonemapOnlyPath() const { return outputPrefix + ".jpg"; }
+};
+
+// Step one: input kind and output names from the options.
+RenderPlan planInput(const JobOptions& options);
+
+// Step two for a project: mode, upside-down rule (applied to `project`, see
+// applyUpsideDownRule), slot count and equirect width (with its console line
+// on `log`). Throws std::runtime_error "Invalid output equirect width %d".
+void planProject(RenderPlan& plan, Project& project, int32_t givenWidth, std::ostream& log);
+
+// Step two for a .hdr/.exr input of the given size: HDR, or tone-mapping only
+// for a size this program does not render (with its console line on `log`).
+void planImageInput(RenderPlan& plan, int32_t width, int32_t height, std::ostream& log);
+
+// Step three: cube face width (a quarter of the panorama unless given,
+// rounded with its console line when a cube map EXR or a tile pyramid is
+// written) and the output files. Throws std::runtime_error for a cube face
+// width that cannot be written.
+void planOutputs(RenderPlan& plan, int32_t givenCubeFaceWidth, std::ostream& log);
+
+// The plan in a few lines, for reading (not a console line of the job).
+void printPlan(const RenderPlan& plan, std::ostream& out);
 
 // One line per image entry on `log`: its file name and a blank, then the 14
 // float fields (yaw, roll, pitch, fov, a, b, c, d, e, exposure, va, vb, vc,

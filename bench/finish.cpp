@@ -64,7 +64,7 @@ int main(int argc, char** argv)
     globalTimer().markStage("synthetic panorama");
 
     double t = seconds();
-    writeCubeFacesExr(pano, face, dir + "/cube", "dwa", "", "");
+    writeCubeFacesExr(pano, face, dir + "/cube.exr", "dwa", "", "");
     const double exrSeconds = seconds() - t;
 
     Image copy(width, width / 2, 4);
@@ -75,7 +75,7 @@ int main(int argc, char** argv)
     const double tonemapSeconds = seconds() - t;
 
     t = seconds();
-    writeCubeFacesJpeg(rgb, face, dir + "/pyramid/");
+    writeCubeFacesJpeg(rgb, face, CubeJpegNames(dir + "/pyramid/"));
     const double jpegSeconds = seconds() - t;
 
     const double megapixels = double(width) * (width / 2) / 1e6;

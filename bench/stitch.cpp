@@ -22,7 +22,7 @@
 #include "libglutil/QtContext.h"
 #include "passes/Stitch.h"
 #include "project/PtsImport.h"
-#include "project/SyntheticCapture.h"
+#include "tools/make-capture/SyntheticCapture.h"
 
 namespace fs = std::filesystem;
 

@@ -186,7 +186,7 @@ void writeFaceLevels(Imf::TiledRgbaOutputFile& file, int face, Imf::Rgba* pixels
 
 }  // namespace
 
-void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& outputPrefix,
+void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& path,
                        const std::string& compression, const std::string& previewPath,
                        const std::string& projectPath)
 {
@@ -195,7 +195,7 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& o
     const int tile = cubeTileSize(faceSize);
     const Imf::Header header =
         buildExrHeader(faceSize, 6 * faceSize, Imf::ENVMAP_CUBE, compression, previewPath, projectPath);
-    AtomicOutputFile output(outputPrefix + ".exr");
+    AtomicOutputFile output(path);
     {
         Imf::TiledRgbaOutputFile file(output.tempPath().c_str(), header, Imf::WRITE_RGB, tile, tile,
                                       Imf::MIPMAP_LEVELS, Imf::ROUND_DOWN, Imf::globalThreadCount());
@@ -211,21 +211,13 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& o
     output.commit();
 }
 
-void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const std::string& outputPrefix)
+void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames& names)
 {
     Texture input;
     input.create(rgb.width, rgb.height, GL_RGB8, GL_RGB, rgb.data, rgb.stride());
 
-    const char last = outputPrefix.empty() ? '\0' : outputPrefix.back();
-    const bool pyramid = last == '/' || last == '\\';
-    std::string directory = outputPrefix;
-#ifndef _WIN32
-    // A trailing backslash names a directory as it would on Windows.
-    if (last == '\\')
-        directory.back() = '/';
-#endif
-    if (pyramid && !std::filesystem::exists(directory))
-        std::filesystem::create_directories(directory);
+    if (names.pyramid() && !std::filesystem::exists(names.folder()))
+        std::filesystem::create_directories(names.folder());
 
     const int tile = cubeTileSize(faceSize);
     const int top = pyramidLevelCount(faceSize) - 1;
@@ -233,19 +225,17 @@ void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const std::string& o
         Image image(faceSize, faceSize, 3);
         target.readPixels(image.data, GL_RGB);
         finishStage("gpu -> cpu (render)");
-        const char* letter = kCubeFaces[face].letter;
-        if (pyramid) {
+        if (names.pyramid()) {
             ImageView level = image;
             for (int l = top; l >= 0; --l) {
                 if (l < top)
                     level = halveBox(level);
                 for (int r = 0; r < level.height / tile; ++r)
                     for (int c = 0; c < level.width / tile; ++c)
-                        writeJpeg(level.subView(c * tile, r * tile, tile, tile),
-                                  directory + pyramidTileName(l, letter, r, c));
+                        writeJpeg(level.subView(c * tile, r * tile, tile, tile), names.tile(l, face, r, c));
             }
         } else {
-            writeJpeg(image, outputPrefix + "_" + letter + ".jpg");
+            writeJpeg(image, names.face(face));
         }
         finishStage("save (cubeface JPG)");
     });

@@ -11,20 +11,40 @@
 //   forward + (2(i + 0.5)/s - 1) right - (2(j + 0.5)/s - 1) up.
 #include <array>
 #include <string>
+#include <vector>
 
 #include "image/ImageView.h"
 
-// Cube map from the RGBE panorama: prefix + ".exr", faces of s x s stacked in
+// Cube map from the RGBE panorama into `path`, faces of s x s stacked in
 // the table's order, tiled, with round-down mipmap levels. Prints the image's
 // exponent statistics first.
-void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& outputPrefix,
+void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& path,
                        const std::string& compression, const std::string& previewPath,
                        const std::string& projectPath);
 
-// JPEG faces from the 8-bit panorama: prefix + "_" + letter + ".jpg", or, when
-// the prefix ends in "/" or "\", a tile pyramid "%d_%s_%02d_%02d.jpg" (level,
-// letter, tile row, tile column) inside that directory.
-void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const std::string& outputPrefix);
+// Names of the JPEG faces for an output prefix: prefix + "_" + letter +
+// ".jpg", or, when the prefix ends in "/" or "\", a tile pyramid
+// "%d_%s_%02d_%02d.jpg" (level, letter, tile row, tile column) inside that
+// folder.
+class CubeJpegNames {
+public:
+    explicit CubeJpegNames(const std::string& outputPrefix);
+    bool pyramid() const { return pyramid_; }
+    const std::string& folder() const { return folder_; }  // with a trailing '/'; pyramid only
+    std::string face(int face) const;
+    std::string tile(int level, int face, int row, int column) const;
+    // Every file for faces of `faceSize`, in the order they are written.
+    std::vector<std::string> all(int faceSize) const;
+
+private:
+    std::string prefix_;
+    std::string folder_;
+    bool pyramid_ = false;
+};
+
+// JPEG faces from the 8-bit panorama, named by `names`; a pyramid's folder is
+// made when it does not exist.
+void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames& names);
 
 // ---- Geometry shared by both writers and the shader (no GL) ----
 

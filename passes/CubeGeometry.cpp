@@ -38,6 +38,48 @@ int pyramidLevelCount(int faceSize)
     return levels;
 }
 
+CubeJpegNames::CubeJpegNames(const std::string& outputPrefix) : prefix_(outputPrefix)
+{
+    const char last = outputPrefix.empty() ? '\0' : outputPrefix.back();
+    pyramid_ = last == '/' || last == '\\';
+    folder_ = outputPrefix;
+#ifndef _WIN32
+    // A trailing backslash names a folder as it would on Windows.
+    if (last == '\\')
+        folder_.back() = '/';
+#endif
+}
+
+std::string CubeJpegNames::face(int face) const
+{
+    return prefix_ + "_" + kCubeFaces[face].letter + ".jpg";
+}
+
+std::string CubeJpegNames::tile(int level, int face, int row, int column) const
+{
+    return folder_ + pyramidTileName(level, kCubeFaces[face].letter, row, column);
+}
+
+std::vector<std::string> CubeJpegNames::all(int faceSize) const
+{
+    std::vector<std::string> files;
+    const int tileSize = cubeTileSize(faceSize);
+    const int top = pyramidLevelCount(faceSize) - 1;
+    for (int f = 0; f < int(kCubeFaces.size()); ++f) {
+        if (!pyramid_) {
+            files.push_back(face(f));
+            continue;
+        }
+        for (int l = top; l >= 0; --l) {
+            const int tiles = (faceSize >> (top - l)) / tileSize;
+            for (int r = 0; r < tiles; ++r)
+                for (int c = 0; c < tiles; ++c)
+                    files.push_back(tile(l, f, r, c));
+        }
+    }
+    return files;
+}
+
 std::string pyramidTileName(int level, const char* letter, int row, int column)
 {
     char name[64];

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "image/Colour.h"
 #include "passes/Tonemap.h"
 
 float fastLog2(float y)
@@ -84,12 +85,6 @@ ChunkExposure chunkExposure(const uint8_t* rgbe, int64_t pixels)
 namespace {
 // Must equal the constant in shaders/tonemap.frag.
 constexpr float kKey = 0.18f;
-
-float srgbEncode(float v)
-{
-    v = std::min(std::max(v, 0.0f), 1.0f);
-    return v <= 0.0031308f ? 12.92f * v : 1.055f * std::pow(v, 1.0f / 2.4f) - 0.055f;
-}
 }  // namespace
 
 void toneMapPixel(const float rgb[3], float avgLum, float maxLum, uint8_t out[3])

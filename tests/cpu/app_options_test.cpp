@@ -8,6 +8,7 @@
 
 #include "app/JobEntry.h"
 #include "app/Options.h"
+#include "app/RenderPlan.h"
 #include "libglutil/GLError.h"
 
 namespace {
@@ -83,7 +84,7 @@ TEST(ParseOptions, DefaultsAndEveryOption)
     const JobOptions d = parsed({"tessara-render", "/data/pano/shot.tsp"});
     EXPECT_EQ(d.inputPath, "/data/pano/shot.tsp");
     EXPECT_EQ(d.outputPrefix, "/data/pano/shot");
-    EXPECT_EQ(d.thumbnailPath, "/data/pano/shot thumbnail.jpg");
+    EXPECT_EQ(planInput(d).thumbnailPath, "/data/pano/shot thumbnail.jpg");
     EXPECT_TRUE(d.logoPath.empty());
     EXPECT_EQ(d.exrCompression, "dwa");
     EXPECT_EQ(d.erWidth, 0);
@@ -98,7 +99,7 @@ TEST(ParseOptions, DefaultsAndEveryOption)
                                  "--no-auto-level", "--logo", "logo.jpg", "--exr-compression", "piz",
                                  "--output-prefix", "out/pano"});
     EXPECT_EQ(o.outputPrefix, "out/pano");  // the later one wins
-    EXPECT_EQ(o.thumbnailPath, "out/pano thumbnail.jpg");
+    EXPECT_EQ(planInput(o).thumbnailPath, "out/pano thumbnail.jpg");
     EXPECT_EQ(o.erWidth, 8000);
     EXPECT_EQ(o.cfWidth, 2048);
     EXPECT_FALSE(o.autoLevel);

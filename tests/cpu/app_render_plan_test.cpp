@@ -155,3 +155,76 @@ TEST(RenderPlan, ReversePixelsTurnsByHalfATurn)
                     EXPECT_EQ(pixels[size_t((n - 1 - i) * bpp + c)], before[size_t(i * bpp + c)]);
         }
 }
+
+TEST(RenderPlan, OutputFilesInTheOrderWritten)
+{
+    const auto faces = [](const std::string& prefix) {
+        std::vector<std::string> f;
+        for (const char* letter : {"r", "l", "u", "d", "b", "f"})
+            f.push_back(prefix + "_" + letter + ".jpg");
+        for (const char* viewer : {"pannellum.json", "marzipano.js", "psv.js", "krpano.xml"})
+            f.push_back(prefix + "_" + viewer);
+        return f;
+    };
+    const auto concat = [](std::vector<std::string> a, const std::vector<std::string>& b) {
+        a.insert(a.end(), b.begin(), b.end());
+        return a;
+    };
+    const struct {
+        std::vector<const char*> args;
+        std::string sourceExt;
+        std::vector<std::string> files;
+    } rows[] = {
+        // LDR: the HDR-only outputs are not written.
+        {{"r", "in.pts", "--er-width", "2400", "--er-jpg", "--cf-jpg", "--er-exr", "--cf-exr"}, ".jpg",
+         concat({"in thumbnail.jpg", "in.jpg"}, faces("in"))},
+        // HDR, no thumbnail below 2000; the cube map replaces the equirect EXR; a
+        // panorama up to 1000 wide takes the thumbnail's name.
+        {{"r", "a/in.tsp", "--er-width", "900", "--er-hdr", "--er-exr", "--cf-exr", "--er-jpg"}, ".hdr",
+         {"a/in.hdr", "a/in.exr", "a/in thumbnail.jpg"}},
+        {{"r", "in.tsp", "--er-width", "2400", "--output-prefix", "o", "--cf-exr"}, ".hdr",
+         {"o thumbnail.jpg", "o.exr"}},
+    };
+    for (const auto& row : rows) {
+        std::vector<char*> argv;
+        for (const char* a : row.args)
+            argv.push_back(const_cast<char*>(a));
+        argv.push_back(nullptr);
+        JobOptions options;
+        ASSERT_EQ(parseOptions(int(row.args.size()), argv.data(), options), ParseAction::RunJob);
+        RenderPlan plan = planInput(options);
+        Project project = projectOf(8, false, row.sourceExt);
+        std::ostringstream log;
+        planProject(plan, project, options.erWidth, log);
+        planOutputs(plan, options.cfWidth, log);
+        EXPECT_EQ(plan.outputFiles, row.files) << row.args[1];
+    }
+}
+
+TEST(RenderPlan, TilePyramidAndImageInputs)
+{
+    JobOptions options;
+    options.inputPath = "pano.exr";
+    options.outputPrefix = "t\\";
+    options.writeCfJpg = true;
+    RenderPlan plan = planInput(options);
+    EXPECT_EQ(plan.input, InputKind::ExrImage);
+    EXPECT_TRUE(plan.projectPath.empty());
+    std::ostringstream log;
+    planImageInput(plan, 4400, 2200, log);
+    planOutputs(plan, 0, log);
+    // 1100-pixel faces in tiles of 275: levels 2, 1 and 0 with 16, 4 and 1 tiles.
+    EXPECT_EQ(plan.cubeFaceWidth, 1100);
+    ASSERT_EQ(plan.outputFiles.size(), 6u * 21u + 5u);  // and the web viewer files
+    EXPECT_EQ(plan.outputFiles.front(), "t/2_r_00_00.jpg");
+    EXPECT_EQ(plan.outputFiles[15], "t/2_r_03_03.jpg");
+    EXPECT_EQ(plan.outputFiles[20], "t/0_r_00_00.jpg");
+    EXPECT_EQ(plan.outputFiles[6 * 21 - 1], "t/0_f_00_00.jpg");
+    EXPECT_EQ(plan.outputFiles.back(), "t/index.html");
+
+    // A size this program does not render is only tone-mapped.
+    RenderPlan odd = planInput(options);
+    planImageInput(odd, 4400, 2000, log);
+    EXPECT_TRUE(odd.tonemapOnly);
+    EXPECT_EQ(odd.outputFiles, std::vector<std::string>{"t\\.jpg"});
+}

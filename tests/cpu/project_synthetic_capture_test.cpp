@@ -9,7 +9,7 @@
 
 #include "project/CameraMatrix.h"
 #include "project/LensModel.h"
-#include "project/SyntheticCapture.h"
+#include "tools/make-capture/SyntheticCapture.h"
 
 namespace {
 

@@ -210,9 +210,9 @@ TEST(FinishCubeFacesGL, JpegAndExrFacesShowThePanorama)
     support::TempDir dir;
     const int s = 1024;  // tile 512: 2 x 2 tiles per face, then levels below a tile
     testing::internal::CaptureStderr();
-    writeCubeFacesExr(directionPanorama(1024, 512, true), s, dir / "pano", "zip", "", "");
+    writeCubeFacesExr(directionPanorama(1024, 512, true), s, (dir / "pano.exr").string(), "zip", "", "");
     EXPECT_NE(testing::internal::GetCapturedStderr().find("1024x512, M: "), std::string::npos);
-    writeCubeFacesJpeg(directionPanorama(1024, 512, false), s, dir / "pano");
+    writeCubeFacesJpeg(directionPanorama(1024, 512, false), s, CubeJpegNames(dir / "pano"));
 
     Imf::TiledRgbaInputFile in((dir / "pano.exr").c_str());
     EXPECT_EQ(Imf::envmap(in.header()), Imf::ENVMAP_CUBE);
@@ -268,7 +268,7 @@ TEST(FinishCubeFacesGL, TilePyramidAndPrefixes)
 {
     support::TempDir dir;
     const std::string tiles = dir / "tiles/";
-    writeCubeFacesJpeg(directionPanorama(1024, 512, false), 2048, tiles);
+    writeCubeFacesJpeg(directionPanorama(1024, 512, false), 2048, CubeJpegNames(tiles));
     // Levels 2, 1 and 0 with 16, 4 and 1 tiles of 512 x 512 per face,
     // written from level 2 of r down to level 0 of f.
     std::set<std::string> expected, found;
@@ -299,8 +299,8 @@ TEST(FinishCubeFacesGL, TilePyramidAndPrefixes)
 
     // A backslash ends a folder prefix too; a plain prefix gets six faces.
     const Image small = directionPanorama(512, 256, false);
-    writeCubeFacesJpeg(small, 500, dir / "pyr\\");
-    writeCubeFacesJpeg(small, 64, dir / "single");
+    writeCubeFacesJpeg(small, 500, CubeJpegNames(dir / "pyr\\"));
+    writeCubeFacesJpeg(small, 64, CubeJpegNames(dir / "single"));
     for (int f = 0; f < 6; ++f) {
         EXPECT_EQ(readJpeg(dir / ("pyr/" + pyramidTileName(0, kCubeFaces[f].letter, 0, 0))).width, 500);
         EXPECT_TRUE(fs::exists(dir / ("single_" + std::string(kCubeFaces[f].letter) + ".jpg"))) << f;
@@ -337,7 +337,7 @@ TEST(FinishLogoGL, RoundCentredAndUprightInTheDownFace)
     EXPECT_EQ(changed, 2000);  // 18 degrees: rows 900 to 999 only
 
     const int s = 512;
-    writeCubeFacesJpeg(pano, s, dir / "pano");
+    writeCubeFacesJpeg(pano, s, CubeJpegNames(dir / "pano"));
     const Image down = readJpeg(dir / "pano_d.jpg");
     double n = 0, sx = 0, sy = 0, sxx = 0, syy = 0, sxy = 0, bx = 0, by = 0, bn = 0;
     for (int j = 0; j < s; ++j)

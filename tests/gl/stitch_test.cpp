@@ -30,7 +30,7 @@
 #include "project/CameraMatrix.h"
 #include "project/LensModel.h"
 #include "project/PtsImport.h"
-#include "project/SyntheticCapture.h"
+#include "tools/make-capture/SyntheticCapture.h"
 
 namespace fs = std::filesystem;
 

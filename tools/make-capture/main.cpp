@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "project/SyntheticCapture.h"
+#include "tools/make-capture/SyntheticCapture.h"
 
 namespace {
 

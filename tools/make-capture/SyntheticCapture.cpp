@@ -1,4 +1,4 @@
-#include "project/SyntheticCapture.h"
+#include "tools/make-capture/SyntheticCapture.h"
 
 #include <ImfChannelList.h>
 #include <ImfFrameBuffer.h>
@@ -12,6 +12,7 @@
 #include <random>
 #include <stdexcept>
 
+#include "image/Colour.h"
 #include "image/Jpeg.h"
 #include "image/OutputFile.h"
 #include "image/Radiance.h"
@@ -192,27 +193,14 @@ double ldrGain(const FloatImage& pano, double percentile, double level)
 
 std::array<double, 9> colourMatrixFor(int width)
 {
-    // The renderer's table, as stored (column-major).
-    struct Row {
-        int key;
-        double m[9];
-    };
-    static const Row table[] = {
-        {3666, {1.912549, -0.224853, 0.009865, -1.058655, 1.646546, -0.509324, 0.146106, -0.421693, 1.499459}},
-        {3753, {2.06819, -0.038154, 0.035687, -1.320341, 1.365463, -0.378776, 0.25215, -0.327309, 1.343089}},
-        {3868, {1.964399, -0.241156, 0.013887, -1.11971, 1.673722, -0.54982, 0.155311, -0.432566, 1.535933}},
-        {4500, {2.048413, -0.221627, -0.007711, -1.27161, 1.776905, -0.592619, 0.223197, -0.555277, 1.60033}},
-        {5856, {1.91757, -0.174955, 0.03749, -1.069136, 1.687861, -0.562878, 0.151566, -0.512906, 1.525388}},
-    };
-    for (const Row& row : table)
-        if (row.key == width) {
-            std::array<double, 9> m;
-            for (int r = 0; r < 3; ++r)
-                for (int k = 0; k < 3; ++k)
-                    m[3 * r + k] = row.m[3 * k + r];
-            return m;
-        }
-    return {};
+    const ColourMatrix* stored = cameraColourMatrix(width);
+    if (!stored)
+        return {};
+    std::array<double, 9> m;
+    for (int r = 0; r < 3; ++r)
+        for (int k = 0; k < 3; ++k)
+            m[3 * r + k] = (*stored)[3 * k + r];
+    return m;
 }
 
 Project Capture::project() const
@@ -536,12 +524,6 @@ std::string tspDocument(const Capture& cap)
     }
     s += "\n}\n";
     return s;
-}
-
-double srgbEncode(double linear)
-{
-    const double v = std::clamp(linear, 0.0, 1.0);
-    return v <= 0.0031308 ? 12.92 * v : 1.055 * std::pow(v, 1 / 2.4) - 0.055;
 }
 
 namespace {

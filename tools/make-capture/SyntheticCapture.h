@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "image/Colour.h"
 #include "project/LensModel.h"
 #include "project/Project.h"
 
@@ -151,5 +152,3 @@ std::array<double, 9> truthFrame(const Capture& capture, bool useOrientation);
 FloatImage renderTruth(const FloatImage& pano, const Capture& capture, int width, bool useOrientation,
                        std::vector<uint8_t>* coverage = nullptr, double margin = 0);
 
-// sRGB transfer function (IEC 61966-2-1) of a linear value clamped to [0, 1].
-double srgbEncode(double linear);
