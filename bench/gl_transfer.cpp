@@ -5,8 +5,7 @@
 //   bench_gl_transfer [repetitions]     (default 5; the best run is reported)
 //
 // Besides the RGBA8 figures the renderer's own read-backs use, it shows the cost of
-// reading a half-float target as bytes (the driver converts on the CPU) against
-// converting it on the GPU first (Texture::copyTo into RGBA8).
+// reading a half-float target as bytes (the driver converts on the CPU).
 #include <GL/glew.h>
 
 #include <algorithm>
@@ -102,10 +101,5 @@ int main(int argc, char** argv)
     glClearColor(0, 0, 0, 0);
     report("readback RGBA16F as RGBA bytes (CPU convert)", w, h, rgba.size(),
            best(reps, [&] { half.readPixels(back.data(), GL_RGBA); }));
-    Texture bytes(w, h, GL_RGBA8);
-    report("RGBA16F -> RGBA8 on the GPU, then readback", w, h, rgba.size(), best(reps, [&] {
-               half.copyTo(bytes);
-               bytes.readPixels(back.data(), GL_RGBA);
-           }));
     return 0;
 }

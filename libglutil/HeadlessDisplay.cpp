@@ -52,7 +52,6 @@ bool selectGlxVendor(const char* vendorLibrary, const char* vendorName)
     return true;
 }
 
-bool privateDisplayRunning() { return g_serverPid > 0; }
 
 void stopPrivateDisplay()
 {

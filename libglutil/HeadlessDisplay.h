@@ -13,9 +13,6 @@ void ensureDisplay();
 // Stops the private server now (idempotent); also registered with atexit.
 void stopPrivateDisplay();
 
-// True when ensureDisplay() started a server in this process.
-bool privateDisplayRunning();
-
 // Points glvnd at `vendorName` (__GLX_VENDOR_LIBRARY_NAME) when that variable
 // is unset and `vendorLibrary` can be loaded; returns whether it did. Used for
 // the private server with NVIDIA's "libGLX_nvidia.so.0": without the variable

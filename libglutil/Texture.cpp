@@ -280,20 +280,6 @@ void Texture::readPixels(void* destination, GLenum pixelFormat, int w, int h)
     GL_CHECK();
 }
 
-void Texture::copyTo(Texture& destination)
-{
-    if (framebuffer_ == 0)
-        bindAsRenderTarget(*this);
-    bindAsRenderTarget(destination);
-    glBindFramebuffer(GL_READ_FRAMEBUFFER, framebuffer_);
-    glReadBuffer(GL_COLOR_ATTACHMENT0);
-    const int w = std::min(tileWidth_, destination.tileWidth_);
-    const int h = std::min(tileHeight_, destination.tileHeight_);
-    glBlitFramebuffer(0, 0, w, h, 0, 0, w, h, GL_COLOR_BUFFER_BIT, GL_NEAREST);
-    glBindFramebuffer(GL_FRAMEBUFFER, destination.framebuffer_);
-    GL_CHECK();
-}
-
 void Texture::destroy() noexcept
 {
     // Nothing may be thrown from here. Unused slots hold 0, which GL ignores,

@@ -35,13 +35,6 @@ public:
     // GL_PACK_ROW_LENGTH. Large reads go in bands.
     void readPixels(void* destination, GLenum pixelFormat, int w = 0, int h = 0);
 
-    // Copies the first piece into `destination`'s first piece on the GPU
-    // (glBlitFramebuffer, same pixel positions, the smaller of the two sizes),
-    // converting formats on the way: e.g. a float target into an RGBA8 target,
-    // so that only native 8-bit data is read back. Leaves `destination` bound
-    // as render target.
-    void copyTo(Texture& destination);
-
     // Releases every GL name; never throws.
     void destroy() noexcept;
 
