@@ -210,7 +210,7 @@ TEST(FinishCubeFacesGL, JpegAndExrFacesShowThePanorama)
     support::TempDir dir;
     const int s = 1024;  // tile 512: 2 x 2 tiles per face, then levels below a tile
     testing::internal::CaptureStderr();
-    writeCubeFacesExr(directionPanorama(1024, 512, true), s, (dir / "pano.exr").string(), "zip", "", "");
+    writeCubeFacesExr(directionPanorama(1024, 512, true), s, dir / "pano.exr", "zip", "", "");
     EXPECT_NE(testing::internal::GetCapturedStderr().find("1024x512, M: "), std::string::npos);
     writeCubeFacesJpeg(directionPanorama(1024, 512, false), s, CubeJpegNames(dir / "pano"));
 
