@@ -122,7 +122,7 @@ void executePlan(const RenderPlan& plan, Panorama& pano)
 
 }  // namespace
 
-int runRenderJob(const JobOptions& options)
+int runRenderJob(const JobOptions& options, RenderPlan* planned)
 {
     RenderPlan plan = planInput(options);
     Panorama pano;
@@ -135,12 +135,16 @@ int runRenderJob(const JobOptions& options)
         finishStage("read hdr/exr");
         planImageInput(plan, pano.width, pano.height, std::cerr);
         if (plan.tonemapOnly) {
+            if (planned)
+                *planned = plan;
             writeJpeg(tonemap(pano.rgbe()), plan.tonemapOnlyPath());
             finishStage("save (JPG)");
             return -1;
         }
     }
     planOutputs(plan, options.cfWidth, std::cerr);
+    if (planned)
+        *planned = plan;
     executePlan(plan, pano);
     return 0;
 }

@@ -2,6 +2,8 @@
 // The render job: from the parsed command line to the written outputs.
 #include "app/Options.h"
 
+struct RenderPlan;
+
 // Runs one job on the current GL context: obtains the equirect panorama (by
 // stitching the project, or by reading a .hdr/.exr this program rendered),
 // draws the logo, turns an upside-down capture, makes the thumbnail and writes
@@ -9,4 +11,6 @@
 // input of a size this program does not render was only tone-mapped to a
 // JPEG. Every failure is an exception; no output file is left half written.
 // The decisions are made into a RenderPlan first; `options` is left as given.
-int runRenderJob(const JobOptions& options);
+// When `planned` is given it receives the plan as soon as it is complete,
+// before any output is written (the batch program records its output files).
+int runRenderJob(const JobOptions& options, RenderPlan* planned = nullptr);

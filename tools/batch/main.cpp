@@ -5,6 +5,7 @@
 #include <OpenEXR/ImfThreading.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +19,7 @@
 #include "app/JobEntry.h"
 #include "app/Options.h"
 #include "app/RenderJob.h"
+#include "app/RenderPlan.h"
 #include "app/StageTimer.h"
 #include "image/FormatText.h"
 #include "image/OutputFile.h"
@@ -203,7 +205,7 @@ private:
                 std::error_code ec;
                 const uintmax_t bytes = fs::file_size(path, ec);
                 if (ec) {
-                    result.error = "Error (batch): output '" + path + "' is missing after the render";
+                    result.error = "Error (batch): output '" + path + "' was planned but not written";
                     break;
                 }
                 result.outputs.push_back({path, bytes});
@@ -235,6 +237,7 @@ private:
         argv.push_back(nullptr);
 
         JobOptions options;
+        RenderPlan plan;
         try {
             const ParseAction action = parseOptions(int(args.size()), argv.data(), options);
             if (action == ParseAction::PrintVersion) {
@@ -263,7 +266,7 @@ private:
             if (action == ParseAction::PrintVersionAndGL) {
                 std::printf("version: %s\n%s", kVersionText, glInfoReport().c_str());
                 std::fflush(stdout);
-            } else if (runRenderJob(options) != 0) {
+            } else if (runRenderJob(options, &plan) != 0) {
                 result.error = "Error (tonemapping only): unsupported image dimensions, the input was only "
                                "tone-mapped to a JPEG";
             }
@@ -279,7 +282,12 @@ private:
             std::fprintf(stderr, "%s\n", result.error.c_str());
         }
         result.peakMemoryMB = peakMemoryMB();
-        committed_ = outputs.paths;
+        // The record lists every file the plan names, and anything else the
+        // line committed; a planned file that was not written fails the line.
+        committed_ = plan.outputFiles;
+        for (const std::string& path : outputs.paths)
+            if (std::find(committed_.begin(), committed_.end(), path) == committed_.end())
+                committed_.push_back(path);
     }
 
     // The GL context is started on the first line that renders: a rerun
