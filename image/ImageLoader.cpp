@@ -20,6 +20,7 @@
 #include "app/StageTimer.h"
 #include "image/ExponentStats.h"
 #include "image/Jpeg.h"
+#include "image/Ppm.h"
 #include "image/Radiance.h"
 #include "libglutil/Shader.h"
 
@@ -96,7 +97,9 @@ public:
             ::close(between[1]);
             throwExecError(command_, e);
         }
-        std::string pathArg = path;
+        // dcraw takes any argument starting with '-' or '+' for an option, so
+        // a relative name such as "-e.cr2" is passed as "./-e.cr2".
+        std::string pathArg = !path.empty() && path[0] == '/' ? path : "./" + path;
         std::string dcrawArg = dcraw, djpegArg = djpeg;
         char e[] = "-e", c[] = "-c", fast[] = "-fast", ppm[] = "-ppm", scale[] = "-scale", eighth[] = "1/8";
         char* dcrawArgv[] = {dcrawArg.data(), e, c, pathArg.data(), nullptr};
@@ -210,32 +213,8 @@ std::string toolPath(const std::string& name)
 Image readRawPreview(const std::string& path)
 {
     RawPipeline pipeline(path);
-    FILE* in = pipeline.stream();
-
-    // The header is three short lines; 16-byte reads are plenty for them.
-    std::string header;
-    for (int line = 0; line < 3; ++line) {
-        char buffer[16] = {0};
-        if (!std::fgets(buffer, sizeof buffer, in))
-            break;
-        header += buffer;
-    }
-    int width = 0, height = 0, maxValue = 0;
-    if (std::sscanf(header.c_str(), "P6\n%d %d\n%d", &width, &height, &maxValue) < 3)
-        throw std::runtime_error("Failed to parse PNM file header.");
-    if (maxValue != 255)
-        throw std::runtime_error("PNM file has wrong max value: " + std::to_string(maxValue));
-    if (width <= 0 || height <= 0)
-        throw std::runtime_error("Failed to parse PNM file header.");
-    // Refuse what the GPU cannot hold before allocating for it.
-    Texture::checkFits(width, height);
-
-    Image rgb(width, height, 3);
-    const size_t expected = rgb.byteSize();
-    const size_t got = std::fread(rgb.data, 1, expected, in);
-    if (got < expected)
-        throw std::runtime_error("Failed to read PNM file data: " + std::to_string(got) + " != " +
-                                 std::to_string(expected) + " -> " + std::to_string(std::feof(in) ? 1 : 0));
+    // Refuse what the GPU cannot hold before setting memory aside for it.
+    Image rgb = readPpm(pipeline.stream(), Texture::checkFits);
     pipeline.close();
     return rgb;
 }
@@ -252,6 +231,21 @@ Texture loadImage(const std::string& path, int maxReduction, int* reduction)
         return rgbTexture(readRawPreview(path));
     case "hdr"_oh:
         return loadRadiance(path);
+    default:
+        throw std::runtime_error("failed to open file '" + path + "': unsupported file type");
+    }
+}
+
+void checkLoadable(const std::string& path)
+{
+    switch (optionHash(lowerExtension(path))) {
+    case "jpg"_oh:
+    case "jpeg"_oh:
+        std::fclose(openFile(path, "rb"));
+        return;
+    case "cr2"_oh:
+    case "hdr"_oh:
+        return;  // their readers report their own failures when loading
     default:
         throw std::runtime_error("failed to open file '" + path + "': unsupported file type");
     }

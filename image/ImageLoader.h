@@ -19,9 +19,15 @@
 // other types).
 Texture loadImage(const std::string& path, int maxReduction = 1, int* reduction = nullptr);
 
+// Throws now what loadImage(path) would throw for a file it certainly cannot
+// load: an unsupported file type, or a JPEG file that cannot be opened. Lets
+// a job refuse a bad logo before its long stitching instead of after it.
+void checkLoadable(const std::string& path);
+
 // Runs `dcraw -e -c <path> | djpeg -fast -ppm -scale 1/8` (two processes joined
 // by a pipe, no shell: the path reaches dcraw as one argument whatever it
-// contains) and reads the binary PPM that djpeg prints: "P6\n<w> <h>\n255\n"
+// contains, a relative one prefixed with "./" so that it never reads as an
+// option) and reads the binary PPM that djpeg prints: "P6\n<w> <h>\n255\n"
 // then w * h * 3 bytes. Throws "Failed to parse PNM file header.",
 // "PNM file has wrong max value: <n>", "Failed to read PNM file data: <got> !=
 // <expected> -> <eof>", or "Error opening/executing '<command>': <reason>" when

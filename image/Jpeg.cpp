@@ -1,11 +1,14 @@
 #include "image/Jpeg.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csetjmp>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <vector>
+
+#include <sys/stat.h>
 
 #include <jerror.h>
 #include <jpeglib.h>
@@ -78,6 +81,43 @@ bool readJpegHeader(jpeg_decompress_struct* cinfo, ErrorManager* err, FILE* file
         }
     jpeg_calc_output_dimensions(cinfo);
     return true;
+}
+
+// A frame must be one the file can hold. Every 8 x 8 block of every
+// component costs at least one bit of entropy-coded data: a Huffman code is
+// one bit or longer, and each block needs at least its DC code (baseline and
+// sequential files also an end-of-block code; progressive files send the DC
+// of every block in their first scan and may skip the AC scans with runs of
+// end-of-block codes). So a file of L bytes holds at most 8 L blocks in all
+// components together, i.e. at most 512 L pixels of a one-component plane
+// and fewer with colour. libjpeg does not check this itself: where the data
+// ends early it pads the rest of the frame with zeros and carries on, so a
+// few hundred bytes could declare a frame of gigabytes. An arithmetic-coded
+// frame can code a flat block in a fraction of a bit; it is held to the same
+// rule, which photographs exceed many times over. Unusual sampling factors
+// make a block stand for more pixels, so the decoded RGB bytes are also held
+// to max(64 MiB, 1024 x L) (a photograph decodes to 5 to 50 times its
+// length, a flat colour to a few hundred). And a frame may not decode to
+// more than kMaxJpegPixels pixels, whatever its length.
+constexpr uint64_t kMaxJpegPixels = uint64_t(1) << 28;
+constexpr uint64_t kMinDecodeBudget = uint64_t(64) << 20;
+constexpr uint64_t kMaxExpansion = 1024;
+
+// Empty when the frame fits, else the reason it does not. `fileLength` is 0
+// when unknown (not a regular file): then only the pixel limit applies.
+std::string frameProblem(const jpeg_decompress_struct& cinfo, uint64_t fileLength)
+{
+    uint64_t blocks = 0;
+    for (int c = 0; c < cinfo.num_components; ++c)
+        blocks += uint64_t(cinfo.comp_info[c].width_in_blocks) * cinfo.comp_info[c].height_in_blocks;
+    const uint64_t decoded = uint64_t(cinfo.output_width) * cinfo.output_height * 3;
+    if (fileLength > 0 &&
+        (blocks > 8 * fileLength || decoded > std::max(kMinDecodeBudget, kMaxExpansion * fileLength)))
+        return formatText("frame of %ux%u pixels needs more data than the file's %llu bytes", cinfo.image_width,
+                          cinfo.image_height, static_cast<unsigned long long>(fileLength));
+    if (uint64_t(cinfo.output_width) * cinfo.output_height > kMaxJpegPixels)
+        return formatText("frame of %ux%u pixels is too large", cinfo.output_width, cinfo.output_height);
+    return std::string();
 }
 
 bool decodeJpegRows(jpeg_decompress_struct* cinfo, ErrorManager* err, uint8_t* pixels, size_t rowBytes)
@@ -189,7 +229,13 @@ FILE* openFile(const std::string& path, const char* mode)
 Image readJpeg(const std::string& path, int maxReduction, int* reduction)
 {
     FilePtr file(openFile(path, "rb"));
+    struct stat st;
+    const bool regular = fstat(fileno(file.get()), &st) == 0 && S_ISREG(st.st_mode);
+    return readJpeg(file.get(), regular ? uint64_t(st.st_size) : 0, path, maxReduction, reduction);
+}
 
+Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int maxReduction, int* reduction)
+{
     jpeg_decompress_struct cinfo;
     ErrorManager err;
     setupErrorManager(err);
@@ -205,12 +251,15 @@ Image readJpeg(const std::string& path, int maxReduction, int* reduction)
         }
     } destroy{&cinfo, &created};
 
-    if (!readJpegHeader(&cinfo, &err, file.get(), &created, maxReduction))
+    if (!readJpegHeader(&cinfo, &err, file, &created, maxReduction))
         throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), err.message));
     if (cinfo.output_components != 3)
         throw std::runtime_error("can not open JPEG with color format other than RGB");
     if (reduction)
         *reduction = int(cinfo.scale_denom / cinfo.scale_num);
+    const std::string problem = frameProblem(cinfo, fileLength);
+    if (!problem.empty())
+        throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), problem.c_str()));
     // Image checks width x height x 3 against the allocation limit itself.
     Image image(int32_t(cinfo.output_width), int32_t(cinfo.output_height), 3);
     if (!decodeJpegRows(&cinfo, &err, image.data, size_t(image.stride())))

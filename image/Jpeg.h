@@ -2,6 +2,7 @@
 // JPEG reading and writing with libjpeg, and the file opening rule shared by
 // both directions. Failures are std::runtime_error; libjpeg's own errors are
 // turned into exceptions instead of ending the process.
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -25,6 +26,12 @@ FILE* openFile(const std::string& path, const char* mode);
 // source position (s i + (s - 1) / 2, s j + (s - 1) / 2) and the image
 // centre stays where it was. `reduction`, when given, receives s.
 Image readJpeg(const std::string& path, int maxReduction = 1, int* reduction = nullptr);
+
+// The same from an open stream of `fileLength` bytes (0: unknown), with
+// `path` used in messages only. Refuses, before allocating, a frame that the
+// stream is too short to encode or that exceeds the pixel limit.
+Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int maxReduction = 1,
+               int* reduction = nullptr);
 
 // An application segment written after the JPEG's own headers: the marker
 // code (JPEG_APP0 + n) and its payload (at most 65533 bytes).

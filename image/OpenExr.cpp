@@ -3,10 +3,12 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <stdexcept>
 #include <vector>
@@ -23,6 +25,7 @@
 #include "image/FormatText.h"
 #include "image/OutputFile.h"
 #include "image/Rgbe.h"
+#include "project/JsonDocument.h"
 
 void TessaraBinaryAttribute::writeValueTo(Imf::OStream& os, int) const
 {
@@ -110,7 +113,7 @@ void addProjectAttributes(Imf::Header& header, const std::string& projectPath)
     header.insert("tessaraMetaData", Imf::StringAttribute(readWholeFile(projectPath)));
 
     pt::ptree doc;
-    pt::read_json(projectPath, doc);
+    readJsonDocument(projectPath, doc);
     std::string date = doc.get<std::string>("timestamp");
     std::replace(date.begin(), date.end(), '-', ':');
     std::replace(date.begin(), date.end(), 'T', ' ');
@@ -161,6 +164,235 @@ int64_t conversionChunk(int64_t pixels)
 {
     return std::max<int64_t>(1, std::min<int64_t>(64, pixels / std::max(1, omp_get_max_threads())));
 }
+
+// What a file of a given length can justify. The library trusts the header:
+// it allocates an attribute's value, the table of chunk offsets and the
+// buffers of one chunk at the sizes the header declares, before reading any
+// of the data they stand for. The header is therefore walked here first
+// (name\0 type\0 int32 size, value; an empty name ends a header, an empty
+// header ends the list of a multi-part file) and refused when
+//   - an attribute's value is longer than the rest of the file,
+//   - a part's chunk offset table (8 bytes a chunk) does not fit in the file,
+//   - the decoded image (4 bytes a pixel), our conversion strip or one chunk's
+//     uncompressed data exceed max(64 MiB, 1024 x the file's length).
+// The last rule lets the compressors reach 1:1024 on large images (zip and
+// piz stay far below on photographs); a uniform DWA-compressed panorama of
+// more than 16 million pixels can compress further and is refused.
+constexpr uint64_t kExrMinBudget = uint64_t(64) << 20;
+constexpr uint64_t kExrExpansion = 1024;
+
+struct ExrPart {
+    bool hasWindow = false;
+    int64_t width = 0, height = 0;
+    int compression = -1;
+    int64_t tileWidth = 0, tileHeight = 0;  // 0: scanline part
+    int64_t chunkCount = -1;                // the multi-part attribute
+    int64_t bytesPerPixel = 0;              // all channels, full resolution
+};
+
+// Scanlines per chunk of each compression (in Imf::Compression order).
+int linesPerChunk(int compression)
+{
+    static const int lines[] = {1, 1, 1, 16, 32, 16, 32, 32, 32, 256};
+    return compression >= 0 && compression < int(sizeof lines / sizeof lines[0]) ? lines[compression] : 1;
+}
+
+class HeaderWalker {
+public:
+    HeaderWalker(Imf::IStream& is, uint64_t length, const std::string& path) : is_(is), length_(length), path_(path)
+    {
+    }
+
+    void check()
+    {
+        char magic[8];
+        if (length_ < 8)
+            return;  // the library reports what is wrong with such a file
+        is_.read(magic, 8);
+        pos_ = 8;
+        if (le32(magic) != 20000630)
+            return;
+        const uint32_t flags = le32(magic + 4);
+        const bool multiPart = flags & 0x1000;
+        const bool tiled = flags & 0x200;
+        std::vector<ExrPart> parts;
+        for (;;) {
+            ExrPart part;
+            bool any = false;
+            std::string name;
+            while (readString(name) && !name.empty()) {
+                any = true;
+                std::string type;
+                if (!readString(type) || length_ - pos_ < 4)
+                    return;
+                char sizeBytes[4];
+                is_.read(sizeBytes, 4);
+                pos_ += 4;
+                const int32_t size = int32_t(le32(sizeBytes));
+                if (size < 0 || uint64_t(size) > length_ - pos_)
+                    fail(formatText("attribute '%s' declares %d bytes, more than the file holds", name.c_str(),
+                                    size));
+                readAttribute(part, name, type, uint32_t(size));
+                pos_ += uint32_t(size);
+                is_.seekg(pos_);
+            }
+            if (name.size() != 0 || (!any && !parts.empty()))
+                break;  // end of the header list, or a name the library will refuse
+            if (tiled && !multiPart && part.tileWidth == 0)
+                part.tileWidth = -1;  // a tiled file without a tile description: the library's to report
+            parts.push_back(part);
+            if (!multiPart)
+                break;
+        }
+        for (size_t i = 0; i < parts.size(); ++i)
+            checkPart(parts[i], multiPart, i == 0);
+    }
+
+private:
+    static uint32_t le32(const char* p)
+    {
+        const auto* b = reinterpret_cast<const unsigned char*>(p);
+        return uint32_t(b[0]) | uint32_t(b[1]) << 8 | uint32_t(b[2]) << 16 | uint32_t(b[3]) << 24;
+    }
+
+    [[noreturn]] void fail(const std::string& why) const
+    {
+        throw std::runtime_error(formatText("Failed to read file '%s': %s", path_.c_str(), why.c_str()));
+    }
+
+    // A NUL-terminated name of at most 255 characters (the library reads that
+    // many whatever the long-names flag says); false at the end of the file
+    // or for a longer name (left to the library to report).
+    bool readString(std::string& text)
+    {
+        text.clear();
+        for (;;) {
+            if (pos_ >= length_)
+                return false;
+            char c;
+            is_.read(&c, 1);
+            ++pos_;
+            if (c == '\0')
+                return true;
+            if (text.size() == 255)
+                return false;
+            text.push_back(c);
+        }
+    }
+
+    // Bytes the library reads for a value of a fixed-size type, whatever the
+    // size field says; 0 for the other types.
+    static uint32_t fixedSize(const std::string& type)
+    {
+        static const std::map<std::string, uint32_t> sizes = {
+            {"box2i", 16}, {"box2f", 16}, {"chromaticities", 32}, {"compression", 1}, {"deepImageState", 1},
+            {"double", 8}, {"envmap", 1},  {"float", 4},           {"int", 4},          {"keycode", 28},
+            {"lineOrder", 1}, {"m33f", 36}, {"m33d", 72},         {"m44f", 64},        {"m44d", 128},
+            {"rational", 8}, {"tiledesc", 9}, {"timecode", 8},    {"v2i", 8},          {"v2f", 8},
+            {"v2d", 16},     {"v3i", 12},     {"v3f", 12},        {"v3d", 24}};
+        const auto found = sizes.find(type);
+        return found == sizes.end() ? 0 : found->second;
+    }
+
+    // The library reads some values by their own structure rather than by the
+    // size field: fixed-size types, the channel list (up to its empty name),
+    // the preview (width x height x 4 bytes from two numbers) and string
+    // vectors (length-prefixed). Where structure and size disagree, the
+    // library would read past the value or allocate what its numbers say, so
+    // such a value is refused here.
+    void readAttribute(ExrPart& part, const std::string& name, const std::string& type, uint32_t size)
+    {
+        std::vector<char> v(size);
+        const uint32_t fixed = fixedSize(type);
+        if (fixed && size != fixed)
+            malformed(name, type);
+        if (fixed || type == "chlist" || type == "preview" || type == "stringvector") {
+            if (size)
+                is_.read(v.data(), int(size));
+        } else {
+            if (type == "floatvector" && size % 4 != 0)
+                malformed(name, type);
+            return;  // read by its size: strings, opaque and unknown types, our own
+        }
+        if (type == "chlist") {
+            // name\0, int32 pixel type, 4 bytes, int32 x and y sampling; "" ends.
+            size_t at = 0;
+            int64_t bytes = 0;
+            while (at < v.size() && v[at] != '\0') {
+                const size_t end = std::find(v.begin() + long(at), v.end(), '\0') - v.begin();
+                if (end - at > 255 || v.size() - end < 17)
+                    malformed(name, type);
+                bytes += le32(&v[end + 1]) == 1 ? 2 : 4;
+                at = end + 17;
+            }
+            if (at + 1 != v.size())
+                malformed(name, type);
+            if (name == "channels")
+                part.bytesPerPixel = bytes;
+        } else if (type == "preview") {
+            if (size < 8 || uint64_t(le32(&v[0])) * le32(&v[4]) * 4 != size - 8)
+                malformed(name, type);
+        } else if (type == "stringvector") {
+            for (uint32_t at = 0; at < size;) {
+                const uint32_t length = size - at >= 4 ? le32(&v[at]) : UINT32_MAX;
+                if (length > size - at - 4)
+                    malformed(name, type);
+                at += 4 + length;
+            }
+        } else if (name == "dataWindow" && type == "box2i") {
+            part.hasWindow = true;
+            part.width = int64_t(int32_t(le32(&v[8]))) - int32_t(le32(&v[0])) + 1;
+            part.height = int64_t(int32_t(le32(&v[12]))) - int32_t(le32(&v[4])) + 1;
+        } else if (name == "compression" && type == "compression") {
+            part.compression = static_cast<unsigned char>(v[0]);
+        } else if (name == "tiles" && type == "tiledesc") {
+            part.tileWidth = le32(&v[0]);
+            part.tileHeight = le32(&v[4]);
+        } else if (name == "chunkCount" && type == "int") {
+            part.chunkCount = int32_t(le32(&v[0]));
+        }
+    }
+
+    [[noreturn]] void malformed(const std::string& name, const std::string& type) const
+    {
+        fail(formatText("attribute '%s' of type '%s' is malformed", name.c_str(), type.c_str()));
+    }
+
+    void checkPart(const ExrPart& part, bool multiPart, bool decoded) const
+    {
+        if (!part.hasWindow || part.width <= 0 || part.height <= 0)
+            return;  // the library reports a missing or empty data window
+        const uint64_t rest = length_ - pos_;
+        // Products in double: the sizes are 32-bit, their products are not.
+        double chunks = 0, chunkBytes = 0;
+        if (multiPart) {
+            chunks = double(std::max<int64_t>(part.chunkCount, 0));
+        } else if (part.tileWidth > 0 && part.tileHeight > 0) {
+            chunks = std::ceil(double(part.width) / double(part.tileWidth)) *
+                     std::ceil(double(part.height) / double(part.tileHeight));
+        } else if (part.tileWidth == 0) {
+            chunks = std::ceil(double(part.height) / linesPerChunk(part.compression));
+        }
+        if (part.tileWidth > 0 && part.tileHeight > 0)
+            chunkBytes = double(part.tileWidth) * double(part.tileHeight) * double(part.bytesPerPixel);
+        else
+            chunkBytes = double(linesPerChunk(part.compression)) * double(part.width) * double(part.bytesPerPixel);
+        if (chunks * 8 > double(rest))
+            fail(formatText("its table of %.0f chunks does not fit in the file", chunks));
+        const double budget = double(std::max(kExrMinBudget, kExrExpansion * length_));
+        const double pixels = double(part.width) * double(part.height);
+        const double strip = double(part.width) * double(std::min<int64_t>(part.height, kStripRows)) * 8;
+        if (chunkBytes > budget || (decoded && (pixels * 4 > budget || strip > budget)))
+            fail(formatText("%lldx%lld pixels are more than a file of %llu bytes can hold",
+                            static_cast<long long>(part.width), static_cast<long long>(part.height),
+                            static_cast<unsigned long long>(length_)));
+    }
+
+    Imf::IStream& is_;
+    const uint64_t length_;
+    const std::string& path_;
+    uint64_t pos_ = 0;
+};
 
 }  // namespace
 
@@ -249,10 +481,33 @@ void writeEquirectExr(const ImageView& rgbe, const std::string& path, const std:
     file.commit();
 }
 
+namespace {
+
+Image readRgba(Imf::RgbaInputFile& in, const std::string& path);
+
+}  // namespace
+
 Image readExr(const std::string& path)
 {
     registerExrAttributeTypes();
+    // A file that cannot be opened is left to the library, whose message
+    // names it.
+    std::error_code ec;
+    const uintmax_t length = fs::file_size(path, ec);
+    std::ifstream file(path, std::ios::binary);
+    if (!ec && length > 0 && file) {
+        Imf::StdIFStream stream(file, path.c_str());
+        HeaderWalker(stream, uint64_t(length), path).check();
+    }
+    file.close();
     Imf::RgbaInputFile in(path.c_str(), Imf::globalThreadCount());
+    return readRgba(in, path);
+}
+
+namespace {
+
+Image readRgba(Imf::RgbaInputFile& in, const std::string& path)
+{
     const Imath::Box2i window = in.dataWindow();
     const int64_t width = std::max<int64_t>(1, int64_t(window.max.x) - window.min.x + 1);
     const int64_t height = std::max<int64_t>(1, int64_t(window.max.y) - window.min.y + 1);
@@ -277,3 +532,5 @@ Image readExr(const std::string& path)
     }
     return image;
 }
+
+}  // namespace

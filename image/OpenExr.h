@@ -56,6 +56,10 @@ void writeEquirectExr(const ImageView& rgbe, const std::string& path, const std:
 
 // Reads any RGBA-readable OpenEXR file into a packed RGBE image; the top-left
 // pixel of the data window becomes pixel (0, 0). Alpha is ignored.
+// Before the library reads the header, it is checked against the file's
+// length (attribute sizes, chunk table, image and chunk sizes; see the
+// source); a header that asks for more than the file can hold throws
+// "Failed to read file '%s': ..." without allocating for it.
 Image readExr(const std::string& path);
 
 // Strip conversions (OpenMP). rgbeToHalf writes width * height packed pixels

@@ -8,6 +8,8 @@
 class AtomicOutputFile {
 public:
     // Temporary name: finalPath + ".tmp-<process id>", same directory.
+    // Temporaries of the same final name left by processes that no longer
+    // exist (killed while writing) are removed here.
     explicit AtomicOutputFile(std::string finalPath);
     ~AtomicOutputFile();  // removes the temporary file unless committed
     AtomicOutputFile(const AtomicOutputFile&) = delete;

@@ -14,7 +14,13 @@ namespace {
 // well under a kilobyte; file names are bounded by PATH_MAX.
 constexpr size_t kMaxLine = 4096;
 
-#define NUM "([-=]?\\d+\\.?\\d*e?-?\\d*)"
+// A number: optional sign or link marker, digits, optional fraction, optional
+// exponent. Written so that every string it matches has a single parse: the
+// looser "\\d+\\.?\\d*e?-?\\d*" lets a run of digits split between three
+// groups in quadratically many ways, and the backtracking engine tries them
+// all (times the other numbers of the line) before giving up on a line that
+// does not match, which took minutes for a few thousand digits. Same language.
+#define NUM "([-=]?\\d+(?:\\.\\d*)?(?:e-?\\d*|-\\d*)?)"
 
 // Each pattern with the literal text every match must begin with. A line not
 // starting with a pattern's prefix cannot match it, so testing the prefix
@@ -81,9 +87,13 @@ Project importPtsScript(const std::string& path)
     std::ifstream in(path, std::ios::binary);
     if (!in) throw std::runtime_error(format("Error opening project '%s'", path));
 
-    std::regex regexes[kKinds];
-    for (int k = 0; k < kKinds; ++k)
-        regexes[k] = std::regex(kPatterns[k].expression, std::regex::ECMAScript);
+    // Compiled once per process; matching does not modify them.
+    static const std::vector<std::regex> regexes = [] {
+        std::vector<std::regex> r;
+        for (int k = 0; k < kKinds; ++k)
+            r.emplace_back(kPatterns[k].expression, std::regex::ECMAScript);
+        return r;
+    }();
 
     Project project;
     ImageEntry current;    // never reset: an image inherits what its lines don't set

@@ -1,5 +1,7 @@
 #include "project/TspProject.h"
 
+#include "project/JsonDocument.h"
+
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <cstdio>
@@ -10,7 +12,7 @@ namespace pt = boost::property_tree;
 Project loadTspProject(const std::string& path)
 {
     pt::ptree doc;
-    pt::read_json(path, doc);
+    readJsonDocument(path, doc);
 
     // Only the wide lens is shot in two rings of six plus the zenith; every
     // other lens is the fisheye layout of five plus one.

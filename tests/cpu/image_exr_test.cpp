@@ -4,7 +4,11 @@
 
 #include <ImfChannelList.h>
 #include <ImfFloatAttribute.h>
+#include <ImfFrameBuffer.h>
 #include <ImfInputFile.h>
+#include <ImfMultiPartOutputFile.h>
+#include <ImfOutputPart.h>
+#include <ImfPartType.h>
 #include <ImfRgbaFile.h>
 #include <ImfStandardAttributes.h>
 #include <ImfStringAttribute.h>
@@ -183,4 +187,65 @@ TEST(OpenExr, ReadsAnyDataWindowAndRefusesDamage)
         }
         EXPECT_THROW(readExr(dir / "huge.exr"), std::runtime_error) << size;
     }
+}
+
+TEST(OpenExr, HeadersAskingMoreThanTheFileHoldsAreRefused)
+{
+    // The library allocated what a header declared before reading it: 2 GB
+    // for an unknown attribute of a 1 KB file, line buffers for a data window
+    // widened to 50 million columns. Single-part and multi-part files.
+    support::TempDir dir;
+    const std::string single = dir / "single.exr";
+    writeEquirectExr(support::makeRgbeImage(64, 20, 2), single, "dwa", "", "");
+    const std::string multi = dir / "multi.exr";
+    {
+        std::vector<Imf::Header> headers(2, Imf::Header(8, 4));
+        for (int i = 0; i < 2; ++i) {
+            headers[size_t(i)].setName("part" + std::to_string(i));
+            headers[size_t(i)].setType(Imf::SCANLINEIMAGE);
+            headers[size_t(i)].channels().insert("R", Imf::Channel(Imf::HALF));
+        }
+        Imf::MultiPartOutputFile out(multi.c_str(), headers.data(), 2);
+        std::vector<half> pixels(32);
+        for (int i = 0; i < 2; ++i) {
+            Imf::OutputPart part(out, i);
+            Imf::FrameBuffer fb;
+            fb.insert("R", Imf::Slice(Imf::HALF, reinterpret_cast<char*>(pixels.data()), 2, 16));
+            part.setFrameBuffer(fb);
+            part.writePixels(4);
+        }
+    }
+    const std::string bogus("bogus\0bogusType\0\xFF\xFF\xFF\x7F", 20);  // 2 GB value, none present
+    auto withAttribute = [&](const std::string& file, int header) {
+        std::string bytes = support::readFile(file);
+        size_t at = 8;
+        for (int i = 0; i < header; ++i)
+            at = bytes.find(std::string("channels\0chlist", 15), at + 1);
+        return bytes.insert(at, bogus);
+    };
+    std::string wide = support::readFile(single);
+    const size_t window = wide.find(std::string("dataWindow\0box2i", 16)) + 16 + 1 + 4;
+    wide.replace(window + 8, 4, std::string("\x80\xF0\xFA\x02", 4));  // xMax = 50,000,000
+    // A channel list without its closing empty name: the library would read
+    // on past the value into whatever follows.
+    std::string channels = support::readFile(single);
+    const size_t list = channels.find(std::string("channels\0chlist", 15)) + 16;
+    channels[list + 4 + size_t(uint8_t(channels[list])) - 1] = 'X';
+    const struct {
+        std::string bytes;
+        std::string message;
+    } cases[] = {
+        {withAttribute(single, 0), "attribute 'bogus' declares 2147483647 bytes"},
+        {withAttribute(multi, 1), "attribute 'bogus' declares 2147483647 bytes"},
+        {wide, "50000001x20 pixels are more than a file of "},
+        {channels, "attribute 'channels' of type 'chlist' is malformed"},
+    };
+    const std::string path = dir / "bad.exr";
+    for (const auto& c : cases) {
+        support::writeFile(path, c.bytes);
+        EXPECT_EQ(support::errorOf([&] { readExr(path); }).rfind("Failed to read file '" + path + "': " + c.message, 0),
+                  0u)
+            << support::errorOf([&] { readExr(path); });
+    }
+    EXPECT_NO_THROW(readExr(multi));  // the unpatched multi-part file passes the check
 }

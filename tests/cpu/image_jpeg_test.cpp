@@ -109,7 +109,7 @@ TEST(Jpeg, FailuresNameTheFile)
     EXPECT_EQ(errorOf([&] { readJpeg(dir / "grey.jpg"); }), "can not open JPEG with color format other than RGB");
 
     writeJpeg(photo(64, 48), dir / "good.jpg");
-    std::string bytes = support::readFile(dir / "good.jpg");
+    const std::string bytes = support::readFile(dir / "good.jpg");
     const std::string path = dir / "bad.jpg", prefix = "Error reading JPEG file '" + path + "': ";
     const struct { std::string content, message; } cases[] = {
         {"", "Empty input file"},
@@ -125,13 +125,45 @@ TEST(Jpeg, FailuresNameTheFile)
         support::writeFile(path, bytes.substr(0, length));
         EXPECT_EQ(errorOf([&] { readJpeg(path); }).rfind(prefix, 0), 0u) << length;
     }
+}
 
-    // A frame header claiming 65000 x 65000 is refused before decoding.
-    const size_t sof = bytes.find("\xFF\xC0");
-    ASSERT_NE(sof, std::string::npos);
-    bytes.replace(sof + 5, 4, "\xFD\xE8\xFD\xE8");
-    support::writeFile(path, bytes);
-    EXPECT_EQ(errorOf([&] { readJpeg(path); }), "Image size 65000x65000 is too large");
+TEST(Jpeg, FramesTheFileCannotHoldAreRefusedBeforeDecoding)
+{
+    // A small file whose frame header was patched to a huge size used to
+    // decode "successfully" (libjpeg pads missing data) after allocating
+    // gigabytes. Baseline and progressive files, frames beyond the data
+    // and, with enough trailing bytes to pass that rule, beyond the pixel limit.
+    support::TempDir dir;
+    const Image src = photo(16, 16);
+    support::writeFile(dir / "src.ppm", "P6\n16 16\n255\n" + std::string(reinterpret_cast<const char*>(src.data), src.byteSize()));
+    const std::string path = dir / "huge.jpg";
+    const std::string prefix = "Error reading JPEG file '" + path + "': frame of ";
+    const struct {
+        const char* options;
+        const char* marker;
+        int size;
+        size_t padding;
+        const char* message;
+    } cases[] = {
+        {"", "\xFF\xC0", 65000, 0, "65000x65000 pixels needs more data than the file's "},
+        {"-progressive", "\xFF\xC2", 65000, 0, "65000x65000 pixels needs more data than the file's "},
+        {"", "\xFF\xC0", 2000, 0, "2000x2000 pixels needs more data than the file's "},
+        {"", "\xFF\xC0", 20000, 3 << 20, "20000x20000 pixels is too large"},
+    };
+    for (const auto& c : cases) {
+        const std::string jpg = dir / "src.jpg";
+        ASSERT_EQ(std::system(("cjpeg " + std::string(c.options) + " -outfile '" + jpg + "' '" + (dir / "src.ppm") + "'").c_str()), 0);
+        std::string bytes = support::readFile(jpg);
+        const size_t sof = bytes.find(c.marker);
+        ASSERT_NE(sof, std::string::npos) << c.options;
+        for (int k : {5, 7}) {
+            bytes[sof + k] = char(c.size >> 8);
+            bytes[sof + k + 1] = char(c.size & 0xFF);
+        }
+        support::writeFile(path, bytes + std::string(c.padding, '\0'));
+        const std::string error = errorOf([&] { readJpeg(path); });
+        EXPECT_EQ(error.rfind(prefix + c.message, 0), 0u) << c.options << " " << c.size << ": " << error;
+    }
 }
 
 // Decoding at 1/2, 1/4, 1/8 size: the largest scaling up to the limit that

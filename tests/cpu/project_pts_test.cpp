@@ -195,6 +195,18 @@ TEST(PtsImport, FailureMessages)
                  std::out_of_range);
 }
 
+TEST(PtsImport, LongDigitRunsEndPromptly)
+{
+    // The number pattern once split a run of digits in every possible way
+    // before giving up: 4000 digits after "o f2 y" took longer than anyone
+    // waits. Now a line that cannot match fails at once, and one that
+    // matches reads its number (here beyond float range).
+    const std::string digits(4000, '7');
+    const std::string unmatched = writeScript("digits.pts", "o f2 y" + digits + "\n");
+    EXPECT_EQ(messageOf(unmatched), "failed to parse project '" + unmatched + "'");
+    EXPECT_EQ(messageOf(writeScript("digits2.pts", "o f2 y" + digits + " r0 p0 v90 a0 b0 c0 d0 e0\n")), "stof");
+}
+
 TEST(PtsImport, HugeLinesEndCleanly)
 {
     // A 1 MB line: skipped when it cannot match, rejected with its line

@@ -66,4 +66,14 @@ TEST(TspProject, ErrorsAreTheLibrarysOwn)
     EXPECT_THROW(loadTspProject(writeTsp("nolens.tsp", "", 6)), pt::ptree_bad_path);
     EXPECT_THROW(loadTspProject(writeTsp("nan.tsp", "\"lens-focal-length\": \"x\", ", 6, ", \"orientation\": {\"yaw\": \"x\"}")),
                  pt::ptree_bad_data);
+    // Nested 100,000 deep: refused before the recursive parser overflows the
+    // stack. Brackets inside strings do not count.
+    try {
+        loadTspProject(writeTsp("deep.tsp", "", 6, ", \"a\": " + std::string(100000, '[')));
+        ADD_FAILURE() << "no exception";
+    } catch (const pt::json_parser::json_parser_error& e) {
+        EXPECT_EQ(e.message(), "nesting deeper than 128 levels");
+    }
+    EXPECT_NO_THROW(loadTspProject(
+        writeTsp("brackets.tsp", "\"lens-focal-length\": \"x\", ", 6, ", \"a\": \"" + std::string(1000, '[') + "\\\"\"")));
 }

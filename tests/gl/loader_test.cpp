@@ -123,8 +123,11 @@ TEST(LoaderRaw, PreviewThroughDcrawAndDjpeg)
     const std::string tools = dir / "bin";
     fs::create_directory(tools);
     PathPrefix path(tools);
+    // dcraw reads an argument starting with '-' or '+' as an option; the
+    // stand-in refuses such a file name as the real one would misread it.
     writeTool(tools + "/dcraw", "#!/bin/sh\n"
                                 "[ $# -eq 3 ] && [ \"$1\" = -e ] && [ \"$2\" = -c ] || { echo \"bad: $*\" >&2; exit 3; }\n"
+                                "case \"$3\" in [-+]*) echo \"option-like name: $3\" >&2; exit 3;; esac\n"
                                 "exec cat -- \"$3\"\n");
     const std::string raw = dir / "my \"best\" 'shot' $HOME  `x` .CR2";
     writeJpeg(picture(333, 250), raw);
@@ -135,6 +138,15 @@ TEST(LoaderRaw, PreviewThroughDcrawAndDjpeg)
     ASSERT_EQ(tex.height(), 32);
     const auto back = readBack(tex, GL_RGB);
     EXPECT_EQ(std::string(back.begin(), back.end()), ppm.out.substr(13));  // same library, same options
+
+    // Relative names that look like options reach dcraw as files ("./-e.cr2").
+    const fs::path cwd = fs::current_path();
+    fs::current_path(dir.path());
+    for (const char* name : {"-e.cr2", "--help.cr2", "+x.cr2"}) {
+        fs::copy_file(raw, name);
+        EXPECT_EQ(loadImage(name).width(), 42) << name;
+    }
+    fs::current_path(cwd);
 
     const struct { const char* djpeg; std::string error; } cases[] = {
         {"P6\\n2 2\\n65535\\n%024d", "PNM file has wrong max value: 65535"},
