@@ -2,6 +2,9 @@
 // atomic output file.
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cmath>
 #include <cstring>
 #include <filesystem>
@@ -149,4 +152,27 @@ TEST(AtomicOutputFile, FinalNameOnlyEverHoldsACompleteFile)
     AtomicOutputFile never(dir / "never.exr");  // nothing at the temporary name
     EXPECT_EQ(errorOf([&] { never.commit(); }),
               "Failed to write file '" + (dir / "never.exr") + "': No such file or directory");
+}
+
+TEST(AtomicOutputFile, TemporariesOfDeadProcessesAreRemoved)
+{
+    // A run killed while writing used to leave "<name>.tmp-<pid>" forever.
+    // The next writer of the same name removes it, but not the temporary of
+    // a live process nor those of other names.
+    support::TempDir dir;
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(0);
+    ASSERT_GT(child, 0);
+    waitpid(child, nullptr, 0);  // its pid now names no process
+    const std::string dead = std::to_string(child), live = std::to_string(getppid());
+    const std::vector<std::string> kept{"out.jpg.tmp-" + live, "other.jpg.tmp-" + dead, "out.jpg.tmp-" + dead + "x",
+                                        "out.jpg.tmp-"};
+    for (const std::string& name : kept)
+        support::writeFile(dir / name, "partial");
+    support::writeFile(dir / ("out.jpg.tmp-" + dead), "partial");
+    AtomicOutputFile out(dir / "out.jpg");
+    for (const std::string& name : kept)
+        EXPECT_TRUE(std::filesystem::exists(dir / name)) << name;
+    EXPECT_FALSE(std::filesystem::exists(dir / ("out.jpg.tmp-" + dead)));
 }
