@@ -161,36 +161,6 @@ TEST(CommandLine, VersionUsageAndTopLevelFailures)
     expectNoServerLeft();
 }
 
-TEST(CommandLine, OptionsThatCannotSucceedFailBeforeStitching)
-{
-    // These used to fail only after a minute of stitching. The project's
-    // source pictures do not exist, so any stitching would fail on them
-    // first: the option's own message proves that none was attempted.
-    TempDir dir;
-    std::string script;
-    for (int i = 0; i < 6; ++i)
-        script += "#-imgfile 4000 6000 \"missing" + std::to_string(i) + ".jpg\"\no f2 y" + std::to_string(i * 72) +
-                  " r0 p0 v90 a0 b0 c0 d0 e0\n";
-    writeFile(dir / "p.pts", script);
-    const struct {
-        std::vector<std::string> options;
-        std::string message;
-    } cases[] = {
-        {{"--cf-width", "99999999", "--cf-jpg"}, "Maximum texture size of GPU is too small (99999999x99999999 > "},
-        {{"--cf-width", "-1", "--cf-jpg"}, "Invalid cube face width -1"},
-        {{"--cf-width", "-1", "--output-prefix", dir / "tiles/"}, "Invalid cube face width -1"},
-        {{"--er-width", "99999960"}, "Maximum texture size of GPU is too small (19999992x49999980 > "},
-        {{"--logo", dir / "none.jpg"}, "Error opening file '" + dir / "none.jpg" + "' (with mode 'rb'): "},
-        {{"--logo", dir / "logo.png"}, "failed to open file '" + dir / "logo.png" + "': unsupported file type"},
-    };
-    for (const auto& c : cases) {
-        std::vector<std::string> args{dir / "p.pts"};
-        args.insert(args.end(), c.options.begin(), c.options.end());
-        expectCleanFailure(runRenderer(args), c.message);
-    }
-    EXPECT_EQ(filesIn(dir.path()), (std::set<std::string>{"p.pts"}));
-}
-
 TEST(ImageInput, EveryOutputKindFromAnEquirectImage)
 {
     TempDir dir;
