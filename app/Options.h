@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "app/OptionHash.h"
+#include "image/OptionHash.h"
 
 constexpr const char* kVersionText = "21.01.5008";
 

@@ -48,18 +48,19 @@ struct Panorama {
 };
 
 // Loads the project, completes the plan from it and stitches it.
-Panorama stitchProject(RenderPlan& plan, int32_t givenWidth)
+Panorama stitchProject(RenderPlan& plan)
 {
     Project project =
         plan.input == InputKind::TspProject ? loadTspProject(plan.inputPath) : importPtsScript(plan.inputPath);
     printProjectListing(project, std::cerr);
-    planProject(plan, project, givenWidth, std::cerr);
+    planProject(plan, project, std::cerr);
 
     Panorama pano;
     pano.width = plan.width;
     pano.height = plan.height;
     pano.buffer = Image(pano.width, pano.height, plan.hdr ? 4 : 3);
-    stitchEquirect(pano.buffer.data, pano.width, pano.height, plan.inputPath, project, plan.hdr, plan.autoLevel);
+    stitchEquirect(pano.buffer.data, pano.width, pano.height, plan.inputPath, project, plan.hdr,
+                   plan.options.autoLevel);
     return pano;
 }
 
@@ -81,8 +82,9 @@ void writeRadianceOutput(const ImageView& rgbe, const std::string& path)
 void executePlan(const RenderPlan& plan, Panorama& pano)
 {
     const int bytesPerPixel = plan.hdr ? 4 : 3;
-    if (!plan.logoPath.empty())
-        drawLogo(pano.width, pano.height, pano.buffer.data, bytesPerPixel * pano.width, plan.logoPath, plan.hdr);
+    if (!plan.options.logoPath.empty())
+        drawLogo(pano.width, pano.height, pano.buffer.data, bytesPerPixel * pano.width,
+                 plan.options.logoPath.string(), plan.hdr);
     if (plan.upsideDown) {
         reversePixels(pano.buffer.data, int64_t(pano.width) * pano.height, bytesPerPixel);
         finishStage("upside_down");
@@ -94,27 +96,27 @@ void executePlan(const RenderPlan& plan, Panorama& pano)
     ImageView rgb = pano.rgb();
     if (plan.hdr) {
         const ImageView rgbe = pano.rgbe();
-        if (plan.writeErHdr) {
+        if (plan.options.writeErHdr) {
             writeRadianceOutput(rgbe, plan.radiancePath());
             finishStage("save (equirect HDR)");
         }
-        if (plan.writeErExr) {
-            writeEquirectExr(rgbe, plan.exrPath(), plan.exrCompression, plan.thumbnailPath, plan.projectPath);
+        if (plan.options.writeErExr) {
+            writeEquirectExr(rgbe, plan.exrPath(), plan.options.exrCompression, plan.thumbnailPath, plan.projectPath);
             finishStage("save (equirect EXR)");
         }
-        if (plan.writeCfExr)
-            writeCubeFacesExr(rgbe, plan.cubeFaceWidth, plan.exrPath(), plan.exrCompression, plan.thumbnailPath,
-                              plan.projectPath);
-        if (!plan.writeErJpg && !plan.writeCfJpg)
+        if (plan.options.writeCfExr)
+            writeCubeFacesExr(rgbe, plan.cubeFaceWidth, plan.exrPath(), plan.options.exrCompression,
+                              plan.thumbnailPath, plan.projectPath);
+        if (!plan.options.writeErJpg && !plan.options.writeCfJpg)
             return;
         rgb = tonemap(rgbe);
     }
 
-    if (plan.writeErJpg) {
+    if (plan.options.writeErJpg) {
         writeJpeg(rgb, plan.equirectJpegPath(), {photoSphereXmp(rgb.width, rgb.height)});
         finishStage("save (equirect JPG)");
     }
-    if (plan.writeCfJpg) {
+    if (plan.options.writeCfJpg) {
         writeCubeFacesJpeg(rgb, plan.cubeFaceWidth, CubeJpegNames(plan.outputPrefix));
         writeWebViewerFiles(plan.cubeFaceWidth, plan.outputPrefix);
     }
@@ -127,7 +129,7 @@ int runRenderJob(const JobOptions& options, RenderPlan* planned)
     RenderPlan plan = planInput(options);
     Panorama pano;
     if (plan.isProject()) {
-        pano = stitchProject(plan, options.erWidth);
+        pano = stitchProject(plan);
     } else {
         pano.buffer = plan.input == InputKind::RadianceImage ? readRadiance(plan.inputPath) : readExr(plan.inputPath);
         pano.width = pano.buffer.width;
@@ -142,7 +144,7 @@ int runRenderJob(const JobOptions& options, RenderPlan* planned)
             return -1;
         }
     }
-    planOutputs(plan, options.cfWidth, std::cerr);
+    planOutputs(plan, std::cerr);
     if (planned)
         *planned = plan;
     executePlan(plan, pano);

@@ -111,6 +111,7 @@ void reversePixels(uint8_t* pixels, int64_t pixelCount, int bytesPerPixel)
 RenderPlan planInput(const JobOptions& options)
 {
     RenderPlan plan;
+    plan.options = options;
     plan.inputPath = options.inputPath.string();
     if (hasExtensionIn(plan.inputPath, "hdr exr"))
         plan.input = hasExtensionIn(plan.inputPath, "hdr") ? InputKind::RadianceImage : InputKind::ExrImage;
@@ -126,19 +127,12 @@ RenderPlan planInput(const JobOptions& options)
     plan.outputPrefix = options.outputPrefix.string();
     plan.thumbnailPath = plan.outputPrefix + " thumbnail.jpg";
     plan.tileFolder = endsWithSeparator(plan.outputPrefix);
-    plan.logoPath = options.logoPath.string();
-    plan.exrCompression = options.exrCompression;
-    plan.autoLevel = options.autoLevel;
-    plan.writeErExr = options.writeErExr;
-    plan.writeErHdr = options.writeErHdr;
-    plan.writeErJpg = options.writeErJpg;
-    plan.writeCfExr = options.writeCfExr;
-    plan.writeCfJpg = options.writeCfJpg;
     return plan;
 }
 
-void planProject(RenderPlan& plan, Project& project, int32_t givenWidth, std::ostream& log)
+void planProject(RenderPlan& plan, Project& project, std::ostream& log)
 {
+    const int32_t givenWidth = plan.options.erWidth;
     plan.hdr = isHdrProject(project);
     plan.upsideDown = applyUpsideDownRule(project);
     plan.slotCount = slotCountOf(project);
@@ -163,12 +157,13 @@ void planImageInput(RenderPlan& plan, int32_t width, int32_t height, std::ostrea
     }
 }
 
-void planOutputs(RenderPlan& plan, int32_t givenCubeFaceWidth, std::ostream& log)
+void planOutputs(RenderPlan& plan, std::ostream& log)
 {
+    const int32_t givenCubeFaceWidth = plan.options.cfWidth;
     plan.cubeFaceWidth = givenCubeFaceWidth == 0 ? plan.width / 4 : givenCubeFaceWidth;
-    if (plan.writeCfExr || plan.tileFolder)
+    if (plan.options.writeCfExr || plan.tileFolder)
         plan.cubeFaceWidth = roundCubeFaceWidth(plan.cubeFaceWidth, log);
-    if ((plan.writeCfJpg || (plan.writeCfExr && plan.hdr)) && plan.cubeFaceWidth < 1)
+    if ((plan.options.writeCfJpg || (plan.options.writeCfExr && plan.hdr)) && plan.cubeFaceWidth < 1)
         throw std::runtime_error(formatText("Invalid cube face width %d", plan.cubeFaceWidth));
 
     std::vector<std::string>& files = plan.outputFiles;
@@ -176,16 +171,16 @@ void planOutputs(RenderPlan& plan, int32_t givenCubeFaceWidth, std::ostream& log
     if (plan.writesThumbnail())
         files.push_back(plan.thumbnailPath);
     if (plan.hdr) {
-        if (plan.writeErHdr)
+        if (plan.options.writeErHdr)
             files.push_back(plan.radiancePath());
         // The cube map EXR takes the equirect EXR's name and replaces it.
-        if ((plan.writeErExr || plan.writeCfExr) &&
+        if ((plan.options.writeErExr || plan.options.writeCfExr) &&
             std::find(files.begin(), files.end(), plan.exrPath()) == files.end())
             files.push_back(plan.exrPath());
     }
-    if (plan.writeErJpg && std::find(files.begin(), files.end(), plan.equirectJpegPath()) == files.end())
+    if (plan.options.writeErJpg && std::find(files.begin(), files.end(), plan.equirectJpegPath()) == files.end())
         files.push_back(plan.equirectJpegPath());
-    if (plan.writeCfJpg) {
+    if (plan.options.writeCfJpg) {
         const std::vector<std::string> faces = CubeJpegNames(plan.outputPrefix).all(plan.cubeFaceWidth);
         files.insert(files.end(), faces.begin(), faces.end());
         for (const TextOutput& viewer : webViewerFiles(plan.cubeFaceWidth, plan.outputPrefix))

@@ -25,17 +25,15 @@ enum class InputKind {
 };
 
 struct RenderPlan {
-    // From the options.
+    // From the options, which the plan keeps as they were given (logo,
+    // compression, auto level and the selected outputs are read from there).
+    JobOptions options;
     InputKind input = InputKind::PtsScript;
     std::string inputPath;
     std::string projectPath;    // document embedded into EXR outputs; empty for an image input
     std::string outputPrefix;
     std::string thumbnailPath;  // outputPrefix text + " thumbnail.jpg"
     bool tileFolder = false;    // the prefix names a folder: JPEG faces as a tile pyramid, no thumbnail
-    std::string logoPath;       // empty: no logo
-    std::string exrCompression;
-    bool autoLevel = true;
-    bool writeErExr = false, writeErHdr = false, writeErJpg = false, writeCfExr = false, writeCfJpg = false;
 
     // From the project or the image input.
     bool hdr = false;
@@ -65,7 +63,7 @@ RenderPlan planInput(const JobOptions& options);
 // Step two for a project: mode, upside-down rule (applied to `project`, see
 // applyUpsideDownRule), slot count and equirect width (with its console line
 // on `log`). Throws std::runtime_error "Invalid output equirect width %d".
-void planProject(RenderPlan& plan, Project& project, int32_t givenWidth, std::ostream& log);
+void planProject(RenderPlan& plan, Project& project, std::ostream& log);
 
 // Step two for a .hdr/.exr input of the given size: HDR, or tone-mapping only
 // for a size this program does not render (with its console line on `log`).
@@ -75,7 +73,7 @@ void planImageInput(RenderPlan& plan, int32_t width, int32_t height, std::ostrea
 // rounded with its console line when a cube map EXR or a tile pyramid is
 // written) and the output files. Throws std::runtime_error for a cube face
 // width that cannot be written.
-void planOutputs(RenderPlan& plan, int32_t givenCubeFaceWidth, std::ostream& log);
+void planOutputs(RenderPlan& plan, std::ostream& log);
 
 // The plan in a few lines, for reading (not a console line of the job).
 void printPlan(const RenderPlan& plan, std::ostream& out);

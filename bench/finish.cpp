@@ -16,7 +16,7 @@
 #include <string>
 #include <thread>
 
-#include "app/StageTimer.h"
+#include "libglutil/StageTimer.h"
 #include "image/Rgbe.h"
 #include "libglutil/QtContext.h"
 #include "passes/CubeFaces.h"

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "app/StageTimer.h"
+#include "libglutil/StageTimer.h"
 #include "libglutil/QtContext.h"
 #include "passes/Stitch.h"
 #include "project/PtsImport.h"

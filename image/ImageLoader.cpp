@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "app/OptionHash.h"
-#include "app/StageTimer.h"
+#include "image/OptionHash.h"
+#include "libglutil/StageTimer.h"
 #include "image/ExponentStats.h"
 #include "image/Jpeg.h"
 #include "image/Ppm.h"

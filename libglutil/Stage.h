@@ -1,5 +1,5 @@
 #pragma once
-#include "app/StageTimer.h"
+#include "libglutil/StageTimer.h"
 
 // The stage-boundary convention: when stage timing is on, wait for the GPU so
 // that the stage's own GPU work is counted in it, then mark it on the global timer.

@@ -195,8 +195,8 @@ TEST(RenderPlan, OutputFilesInTheOrderWritten)
         RenderPlan plan = planInput(options);
         Project project = projectOf(8, false, row.sourceExt);
         std::ostringstream log;
-        planProject(plan, project, options.erWidth, log);
-        planOutputs(plan, options.cfWidth, log);
+        planProject(plan, project, log);
+        planOutputs(plan, log);
         EXPECT_EQ(plan.outputFiles, row.files) << row.args[1];
     }
 }
@@ -212,7 +212,7 @@ TEST(RenderPlan, TilePyramidAndImageInputs)
     EXPECT_TRUE(plan.projectPath.empty());
     std::ostringstream log;
     planImageInput(plan, 4400, 2200, log);
-    planOutputs(plan, 0, log);
+    planOutputs(plan, log);
     // 1100-pixel faces in tiles of 275: levels 2, 1 and 0 with 16, 4 and 1 tiles.
     EXPECT_EQ(plan.cubeFaceWidth, 1100);
     ASSERT_EQ(plan.outputFiles.size(), 6u * 21u + 5u);  // and the web viewer files

@@ -16,7 +16,7 @@
 #include <set>
 #include <vector>
 
-#include "app/StageTimer.h"
+#include "libglutil/StageTimer.h"
 #include "image/Jpeg.h"
 #include "image/OpenExr.h"
 #include "image/Rgbe.h"

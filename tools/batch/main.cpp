@@ -20,7 +20,7 @@
 #include "app/Options.h"
 #include "app/RenderJob.h"
 #include "app/RenderPlan.h"
-#include "app/StageTimer.h"
+#include "libglutil/StageTimer.h"
 #include "image/FormatText.h"
 #include "image/OutputFile.h"
 #include "libglutil/ContextSession.h"

@@ -1,4 +1,4 @@
-#include "app/StageTimer.h"
+#include "libglutil/StageTimer.h"
 
 #include <chrono>
 #include <cstdio>

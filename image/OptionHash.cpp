@@ -1,4 +1,4 @@
-#include "app/OptionHash.h"
+#include "image/OptionHash.h"
 
 uint32_t optionHash(const std::string& text)
 {
