@@ -66,7 +66,7 @@ TEST(OptionHash, MatchesTheOptionTableWithSignExtendedBytes)
         {"--er-exr", 0x194a71d0},        {"--er-hdr", 0x66835f61},   {"--er-jpg", 0x47802182},
         {"--cf-exr", 0x193f93c2},        {"--cf-jpg", 0x4786be90},   {"--no-auto-level", 0x32f09c1d},
         {"--logo", 0x655cb82e},          {"--exr-compression", 0xb3e1f509},
-        {"-v", 0x59701e},                {"-V", 0x59747e},           {"", 5381},
+        {"-v", 0x59701e},                {"-V", 0x59747e},
         {"\xE9", (5381u * 33u) ^ 0xFFFFFFE9u},  // 0xE9 enters as a sign-extended char
     };
     for (const auto& row : table)
@@ -91,9 +91,7 @@ TEST(ParseOptions, DefaultsAndEveryOption)
     EXPECT_EQ(d.cfWidth, 0);
     EXPECT_TRUE(d.autoLevel);
     EXPECT_FALSE(d.writeErExr || d.writeErHdr || d.writeErJpg || d.writeCfExr || d.writeCfJpg);
-    // Only the last extension goes; a name without one is its own prefix.
-    EXPECT_EQ(parsed({"r", "a.b.pts"}).outputPrefix, "a.b");
-    EXPECT_EQ(parsed({"r", "capture"}).outputPrefix, "capture");
+    EXPECT_EQ(parsed({"r", "a.b.pts"}).outputPrefix, "a.b");  // only the last extension goes
 
     const JobOptions o = parsed({"r", "in.pts", "--output-prefix", "x", "--er-width", "8000", "--cf-width", "2048",
                                  "--no-auto-level", "--logo", "logo.jpg", "--exr-compression", "piz",
@@ -128,11 +126,9 @@ TEST(ParseOptions, DefaultsAndEveryOption)
 TEST(ParseOptions, Failures)
 {
     EXPECT_EQ(usageErrorOf({"r"}), "at least one argument required");
-    EXPECT_EQ(usageErrorOf({}), "at least one argument required");
     EXPECT_EQ(usageErrorOf({"r", "in.tsp", "--bogus"}), "unknown option '--bogus'");
     EXPECT_EQ(usageErrorOf({"r", "in.tsp", "--er-jpg", "second.tsp"}), "unknown option 'second.tsp'");
     EXPECT_EQ(usageErrorOf({"r", "in.tsp", ""}), "unknown option ''");
-    EXPECT_EQ(parsed({"r", ""}).inputPath, "");
 
     // Widths go through std::stoi: its prefix rule and its exceptions.
     EXPECT_EQ(parsed({"r", "in.tsp", "--er-width", "8k"}).erWidth, 8);

@@ -1,8 +1,6 @@
-// Cube faces, CPU side: tile rule, pyramid names, face directions against
-// the web-viewer convention, and how our faces relate to OpenEXR's cube map.
+// Cube faces, CPU side: tile rule, pyramid names and face directions against
+// the web-viewer convention.
 #include <gtest/gtest.h>
-
-#include <ImfEnvmap.h>
 
 #include <cmath>
 #include <string>
@@ -49,40 +47,5 @@ TEST(FinishCubeGeometry, FacesFollowTheWebViewerConvention)
         // Single-precision matrices give about 1e-7 rad; a wrong axis or sign
         // is a quarter turn off.
         EXPECT_LT(worst, 1e-5) << faces[f].letter;
-    }
-}
-
-// Our slot k holds OpenEXR's face `exrFace`, its pixel (x, y) showing what
-// OpenEXR puts at transform(x, y); directions in the frame Imf::LatLongMap
-// gives our equirect files (x mirrored). The README states this result.
-TEST(FinishCubeGeometry, RelationToOpenExrConventions)
-{
-    const int s = 64;
-    const Imath::Box2i cube(Imath::V2i(0, 0), Imath::V2i(s - 1, 6 * s - 1));
-    enum Transform { Turn90Ccw, Turn180, MirrorLeftRight, FlipTopBottom, MirrorAntiDiagonal };
-    const struct { Imf::CubeMapFace exrFace; Transform transform; } relations[6] = {
-        {Imf::CUBEFACE_NEG_X, MirrorAntiDiagonal}, {Imf::CUBEFACE_POS_X, Turn90Ccw},
-        {Imf::CUBEFACE_POS_Y, MirrorLeftRight},    {Imf::CUBEFACE_NEG_Y, Turn180},
-        {Imf::CUBEFACE_NEG_Z, FlipTopBottom},      {Imf::CUBEFACE_POS_Z, Turn180},
-    };
-    for (int f = 0; f < 6; ++f) {
-        double worst = 0;
-        for (int y = 0; y < s; ++y)
-            for (int x = 0; x < s; ++x) {
-                float tx = 0, ty = 0;
-                switch (relations[f].transform) {
-                case Turn90Ccw: tx = s - 1 - y, ty = x; break;
-                case Turn180: tx = s - 1 - x, ty = s - 1 - y; break;
-                case MirrorLeftRight: tx = s - 1 - x, ty = y; break;
-                case FlipTopBottom: tx = x, ty = s - 1 - y; break;
-                case MirrorAntiDiagonal: tx = s - 1 - y, ty = s - 1 - x; break;
-                }
-                Imath::V3f o = Imf::CubeMap::direction(relations[f].exrFace, cube, Imath::V2f(tx, ty));
-                o.normalize();
-                const Vec d = cubeFaceDirection(f, x, y, s);
-                worst = std::max(worst, std::acos(std::min(1.0, dot({-d[0], d[1], d[2]}, {o.x, o.y, o.z}))));
-            }
-        // OpenEXR spreads pixel centres over [-1, 1], we over [-1 + 1/s, 1 - 1/s].
-        EXPECT_LT(worst, 1.0 / s) << kCubeFaces[f].letter;
     }
 }

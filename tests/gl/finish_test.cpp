@@ -6,7 +6,6 @@
 #include <ImfEnvmap.h>
 #include <ImfStandardAttributes.h>
 #include <ImfTiledRgbaFile.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cmath>
@@ -163,28 +162,9 @@ TEST(FinishTonemapGL, ShaderMatchesCpuCurveInEveryChunkLayout)
     }
 }
 
-TEST(FinishThumbnailGL, LdrIsTheBoxHalfOfTheSampleHdrIsToneMapped)
+TEST(FinishThumbnailGL, HdrThumbnailIsToneMappedFromTheSample)
 {
     support::TempDir dir;
-    Image pano(2000, 1000, 3);  // at 2000 wide the sample is an exact copy
-    for (int y = 0; y < 1000; ++y)
-        for (int x = 0; x < 2000; ++x) {
-            uint8_t* p = pano.pixel(x, y);
-            p[0] = uint8_t(x / 8), p[1] = uint8_t(y / 4), p[2] = uint8_t(128 + 100 * std::sin(x * 0.01));
-        }
-    Image copy(2000, 1000, 3);
-    std::copy(pano.data, pano.data + pano.byteSize(), copy.data);
-    const ImageView expected = halveBox(copy);
-    makeThumbnail(pano, false, dir / "ldr.jpg");
-    const Image thumb = readJpeg(dir / "ldr.jpg");
-    ASSERT_EQ(thumb.width, 1000);
-    ASSERT_EQ(thumb.height, 500);
-    double sum = 0;
-    for (int y = 0; y < 500; ++y)
-        for (int x = 0; x < 3000; ++x)
-            sum += std::abs(int(thumb.row(y)[x]) - int(expected.row(y)[x]));
-    EXPECT_LT(sum / (1000.0 * 500 * 3), 1.5);  // JPEG of smooth ramps; a shifted thumbnail is tens off
-
     Image hdr = readExr(panorama("courtyard.exr"));
     const std::vector<uint8_t> before(hdr.data, hdr.data + hdr.byteSize());
     testing::internal::CaptureStderr();
@@ -269,8 +249,7 @@ TEST(FinishCubeFacesGL, TilePyramidAndPrefixes)
     support::TempDir dir;
     const std::string tiles = dir / "tiles/";
     writeCubeFacesJpeg(directionPanorama(1024, 512, false), 2048, CubeJpegNames(tiles));
-    // Levels 2, 1 and 0 with 16, 4 and 1 tiles of 512 x 512 per face,
-    // written from level 2 of r down to level 0 of f.
+    // Levels 2, 1 and 0 with 16, 4 and 1 tiles of 512 x 512 per face.
     std::set<std::string> expected, found;
     for (int f = 0; f < 6; ++f)
         for (int l = 0; l <= 2; ++l)
@@ -280,15 +259,6 @@ TEST(FinishCubeFacesGL, TilePyramidAndPrefixes)
     for (const auto& entry : fs::directory_iterator(tiles))
         found.insert(entry.path().filename().string());
     EXPECT_EQ(found, expected);
-    const auto modified = [&](const std::string& name) {
-        struct stat st;
-        stat((tiles + name).c_str(), &st);
-        return std::make_pair(int64_t(st.st_mtim.tv_sec), int64_t(st.st_mtim.tv_nsec));
-    };
-    for (const std::string& name : found) {
-        EXPECT_LE(modified("2_r_00_00.jpg"), modified(name)) << name;
-        EXPECT_LE(modified(name), modified("0_f_00_00.jpg")) << name;
-    }
     // A level-0 tile is the whole face halved twice (about 3 units lost): its
     // centre shows the face's forward direction; a crop would be 50 off.
     const Image whole = readJpeg(tiles + "0_f_00_00.jpg");
@@ -309,7 +279,7 @@ TEST(FinishCubeFacesGL, TilePyramidAndPrefixes)
 
 // The logo as a viewer sees it: in the d face, round, centred, upright and
 // not mirrored; only its band of the panorama changes; HDR output is RGBE of
-// the logo at its white level; LOGO_FOV sets the band.
+// the logo at its white level.
 TEST(FinishLogoGL, RoundCentredAndUprightInTheDownFace)
 {
     support::TempDir dir;
@@ -375,16 +345,6 @@ TEST(FinishLogoGL, RoundCentredAndUprightInTheDownFace)
     rgbeToFloat(hdr.pixel(10, 899), rgb);
     EXPECT_EQ(rgb[0], 0.0f);
 
-    Image grey(1206, 603, 3);  // not a multiple of 5: 6 tiles of 201
-    std::fill(grey.data, grey.data + grey.byteSize(), uint8_t(90));
-    setenv("LOGO_FOV", "36", 1);
-    drawLogo(1206, 603, grey.data, grey.stride(), logoPath, false);
-    setenv("LOGO_FOV", "wide", 1);
-    EXPECT_THROW(drawLogo(1206, 603, grey.data, grey.stride(), logoPath, false), std::invalid_argument);
-    unsetenv("LOGO_FOV");
-    for (int x = 0; x < 1206; x += 67) {  // 36 degrees of 603 rows: 120 rows (120.6 truncated)
-        EXPECT_NE(grey.pixel(x, 483)[0], 90) << x;
-        EXPECT_EQ(grey.pixel(x, 482)[0], 90) << x;
-    }
+    Image grey(1000, 500, 3);
     EXPECT_THROW(drawLogo(1000, 500, grey.data, grey.stride(), dir / "missing.jpg", false), std::runtime_error);
 }

@@ -12,10 +12,8 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <memory>
-#include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -503,60 +501,6 @@ TEST(StitchRules, ExposureNormalisation)
     const std::vector<uint8_t> before = black;
     EXPECT_FALSE(normalizeExposure(black.data(), 16));
     EXPECT_EQ(black, before);
-}
-
-// The packing program against the CPU encoder, byte for byte, on random
-// floats whose largest channel spans RGBE's whole exponent range (from the
-// 1e-32 black limit to just below 2^128), channel ratios down to 2^-30, exact
-// powers of two and their neighbours, and zeros. The float source is bound by
-// hand with the per-unit uniforms the program reads.
-TEST(StitchRules, GpuRgbeMatchesTheCpuEncoder)
-{
-    const int w = 256, h = 64;
-    std::vector<float> rgb(size_t(w) * h * 3);
-    std::mt19937 rng(20240611);
-    std::uniform_real_distribution<float> unit(0.5f, 1.0f);
-    for (size_t i = 0; i < size_t(w) * h; ++i) {
-        const int e = -108 + int(rng() % 237), kind = int(rng() % 6);
-        const float top = kind == 0 ? std::ldexp(1.0f, e - 1)
-                          : kind == 1 ? std::nextafter(std::ldexp(1.0f, e - 1), 0.0f) : std::ldexp(unit(rng), e);
-        for (int c = 0; c < 3; ++c)
-            rgb[i * 3 + c] = top * std::ldexp(unit(rng), -int(rng() % 31));
-        rgb[i * 3 + rng() % 3] = top;
-        if (kind == 2)
-            rgb[i * 3 + rng() % 3] = 0.0f;
-    }
-    Shader pack("rgb2rgbe", "");
-    const GLenum target = Texture::target();
-    GLuint source = 0;
-    glGenTextures(1, &source);
-    glActiveTexture(GL_TEXTURE0);
-    glBindTexture(target, source);
-    glTexParameteri(target, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-    glTexParameteri(target, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-    if (target == GL_TEXTURE_2D_ARRAY)
-        glTexImage3D(target, 0, GL_RGB32F, w, h, 1, 0, GL_RGB, GL_FLOAT, rgb.data());
-    else
-        glTexImage2D(target, 0, GL_RGB32F, w, h, 0, GL_RGB, GL_FLOAT, rgb.data());
-    Texture bytes(w, h, GL_RGBA8);
-    pack.use();
-    pack.setUniform2i("texSize0", w, h);
-    pack.setUniform("texIsRGBE0", 0);
-    pack.setUniform("texIsHDR0", 1);
-    bindAsRenderTarget(bytes);
-    fullScreenPass(w, h);
-    std::vector<uint8_t> out(size_t(w) * h * 4);
-    bytes.readPixels(out.data(), GL_RGBA);
-    glDeleteTextures(1, &source);
-    int mismatches = 0;
-    for (size_t i = 0; i < size_t(w) * h; ++i) {
-        uint8_t expected[4];
-        floatToRgbe(rgb[i * 3], rgb[i * 3 + 1], rgb[i * 3 + 2], expected);
-        mismatches += std::memcmp(expected, &out[i * 4], 4) != 0;
-    }
-    EXPECT_EQ(mismatches, 0);
-    EXPECT_EQ(glErrorReport(__FILE__, __LINE__), "");
 }
 
 // A project that lacks ring images fails with a message before any GL work.
