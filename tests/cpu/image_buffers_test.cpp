@@ -86,7 +86,7 @@ TEST(Rgbe, DecodeAndEncode)
     floatToRgbe(1.0f, -1e30f, 0.0f, p);
 }
 
-TEST(HalfStrips, RoundTripAndPerPixelAgreement)
+TEST(HalfStrips, RgbeRoundTripIsLosslessInHalfRange)
 {
     // E in [112, 144] is exactly representable as half: RGBE -> half -> RGBE
     // is lossless, across the single-thread limit (256 pixels) and into a
@@ -102,21 +102,6 @@ TEST(HalfStrips, RoundTripAndPerPixelAgreement)
         EXPECT_EQ(canvas.pixel(2, 1)[3], 0);
         EXPECT_EQ(canvas.pixel(size.first + 4, size.second + 1)[3], 0);
         EXPECT_EQ(float(strip[5].a), 1.0f);
-    }
-    // Outside the half range each pixel converts as it would on its own.
-    const Image wide = support::makeRgbeImage(301, 5, 99, 20, 200);
-    const ImageView view = wide.subView(1, 1, 299, 3);
-    std::vector<Imf::Rgba> strip(size_t(view.width) * view.height);
-    rgbeToHalf(view, strip.data());
-    Image back(view.width, view.height, 4);
-    halfToRgbe(strip.data(), back);
-    for (int32_t i = 0; i < view.width * view.height; ++i) {
-        float rgb[3];
-        rgbeToFloat(view.pixel(i % view.width, i / view.width), rgb);
-        ASSERT_EQ(strip[i].g.bits(), half(rgb[1]).bits()) << i;
-        uint8_t expected[4];
-        floatToRgbe(float(strip[i].r), float(strip[i].g), float(strip[i].b), expected);
-        ASSERT_EQ(0, std::memcmp(expected, back.data + 4 * i, 4)) << i;
     }
 }
 
