@@ -1,6 +1,6 @@
 // The finishing passes against the real driver: tone mapping against its CPU
-// twin, the thumbnail, cube faces (JPEG, tiled EXR, tile pyramid) and the
-// logo as a viewer sees it in the d face.
+// twin, cube faces (JPEG, tiled EXR, tile pyramid) and the logo as a viewer
+// sees it in the d face.
 #include <gtest/gtest.h>
 
 #include <ImfEnvmap.h>
@@ -15,13 +15,11 @@
 #include <set>
 #include <vector>
 
-#include "libglutil/StageTimer.h"
 #include "image/Jpeg.h"
 #include "image/OpenExr.h"
 #include "image/Rgbe.h"
 #include "passes/CubeFaces.h"
 #include "passes/Logo.h"
-#include "passes/Thumbnail.h"
 #include "passes/Tonemap.h"
 #include "support/Support.h"
 
@@ -160,25 +158,6 @@ TEST(FinishTonemapGL, ShaderMatchesCpuCurveInEveryChunkLayout)
         testing::internal::GetCapturedStderr();
         expectWellExposed(rgb, name);
     }
-}
-
-TEST(FinishThumbnailGL, HdrThumbnailIsToneMappedFromTheSample)
-{
-    support::TempDir dir;
-    Image hdr = readExr(panorama("courtyard.exr"));
-    const std::vector<uint8_t> before(hdr.data, hdr.data + hdr.byteSize());
-    testing::internal::CaptureStderr();
-    makeThumbnail(hdr, true, dir / "hdr.jpg");
-    const std::string log = testing::internal::GetCapturedStderr();
-    // The tone mapping's own stages are not reported, its total and the thumbnail are.
-    EXPECT_EQ(log.find("render (tonemap)"), std::string::npos) << log;
-    EXPECT_EQ(countMatches(log, "\\[T\\] tonemap \\(total\\): "), 1) << log;
-    EXPECT_EQ(countMatches(log, " +thumbnail: [0-9.]+s\n"), 1) << log;
-    EXPECT_TRUE(stageTimingEnabled);
-    const Image hdrThumb = readJpeg(dir / "hdr.jpg");
-    ASSERT_EQ(hdrThumb.width, 1000);
-    expectWellExposed(hdrThumb, "thumbnail");
-    EXPECT_TRUE(std::equal(before.begin(), before.end(), hdr.data));  // tone mapped on the sample only
 }
 
 // Every face pixel's colour encodes the direction it shows: compared with the
