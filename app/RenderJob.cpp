@@ -4,17 +4,20 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
 #include "app/RenderPlan.h"
 #include "image/FormatText.h"
+#include "image/ImageLoader.h"
 #include "image/ImageView.h"
 #include "image/Jpeg.h"
 #include "image/OpenExr.h"
 #include "image/OutputFile.h"
 #include "image/Radiance.h"
 #include "libglutil/Stage.h"
+#include "libglutil/Texture.h"
 #include "passes/CubeFaces.h"
 #include "passes/Logo.h"
 #include "passes/Stitch.h"
@@ -47,6 +50,26 @@ struct Panorama {
     }
 };
 
+// Fails at once, with the error the failing step would give, when an option
+// cannot succeed: a cube face width the plan rejects, a panorama or cube face
+// beyond the GPU's texture limit, or a logo that cannot be opened. Without
+// this a project would be stitched (a minute at full size) and some outputs
+// written before the job fails.
+void checkFeasible(const RenderPlan& plan)
+{
+    RenderPlan trial = plan;
+    std::ostringstream discarded;  // the width line is printed when the outputs are really planned
+    planOutputs(trial, discarded);
+    if (plan.isProject())
+        Texture::checkFits(plan.width / plan.slotCount, plan.height);  // one stitch strip
+    if (plan.options.writeCfJpg || (plan.options.writeCfExr && plan.hdr)) {
+        Texture::checkFits(plan.width, plan.height);  // the panorama as the faces' source
+        Texture::checkFits(trial.cubeFaceWidth, trial.cubeFaceWidth);
+    }
+    if (!plan.options.logoPath.empty())
+        checkLoadable(plan.options.logoPath.string());
+}
+
 // Loads the project, completes the plan from it and stitches it.
 Panorama stitchProject(RenderPlan& plan)
 {
@@ -54,6 +77,7 @@ Panorama stitchProject(RenderPlan& plan)
         plan.input == InputKind::TspProject ? loadTspProject(plan.inputPath) : importPtsScript(plan.inputPath);
     printProjectListing(project, std::cerr);
     planProject(plan, project, std::cerr);
+    checkFeasible(plan);
 
     Panorama pano;
     pano.width = plan.width;
@@ -143,6 +167,7 @@ int runRenderJob(const JobOptions& options, RenderPlan* planned)
             finishStage("save (JPG)");
             return -1;
         }
+        checkFeasible(plan);
     }
     planOutputs(plan, std::cerr);
     if (planned)

@@ -3,15 +3,22 @@
 
 #include <ImfEnvmap.h>
 #include <ImfRgba.h>
+#include <ImfStdIO.h>
 #include <ImfThreading.h>
 #include <ImfTiledRgbaFile.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <map>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
+#include "image/FormatText.h"
 #include "image/ImageLoader.h"
 #include "image/Jpeg.h"
 #include "image/OpenExr.h"
@@ -196,9 +203,14 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& p
     const Imf::Header header =
         buildExrHeader(faceSize, 6 * faceSize, Imf::ENVMAP_CUBE, compression, previewPath, projectPath);
     AtomicOutputFile output(path);
+    std::ofstream os(output.tempPath(), std::ios::binary);
+    if (!os)
+        throw std::runtime_error(formatText("Failed to open file '%s': %s", path.c_str(), std::strerror(errno)));
     {
-        Imf::TiledRgbaOutputFile file(output.tempPath().c_str(), header, Imf::WRITE_RGB, tile, tile,
-                                      Imf::MIPMAP_LEVELS, Imf::ROUND_DOWN, Imf::globalThreadCount());
+        // Library messages name the final path, not the temporary one.
+        Imf::StdOFStream exrStream(os, path.c_str());
+        Imf::TiledRgbaOutputFile file(exrStream, header, Imf::WRITE_RGB, tile, tile, Imf::MIPMAP_LEVELS,
+                                      Imf::ROUND_DOWN, Imf::globalThreadCount());
         std::map<int, SmallLevel> smallLevels;
         renderFaces(input, faceSize, [&](int face, Texture& target) {
             std::vector<Imf::Rgba> pixels(size_t(faceSize) * faceSize);
@@ -208,6 +220,9 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& p
             finishStage("save (cubeface EXR)");
         });
     }
+    os.close();
+    if (os.fail())
+        throw std::runtime_error(formatText("Failed to write file '%s'", path.c_str()));
     output.commit();
 }
 

@@ -384,6 +384,22 @@ TEST(Capture, FailuresLeaveNoPartialFile)
     expectCleanFailure(runRenderer({out / "empty.pts", "--er-jpg"}), "empty.pts");
     expectCleanFailure(runRenderer({out / "missing.pts", "--er-jpg"}), "missing.pts");
 
+    // Options that cannot succeed fail before the first source is loaded and
+    // before anything is written, with the error of the step they would fail in.
+    const std::vector<std::pair<std::vector<std::string>, std::string>> impossible = {
+        {{"--cf-jpg", "--cf-width", "-1"}, "Invalid cube face width -1"},
+        {{"--cf-jpg", "--cf-width", "99999999"}, "Maximum texture size of GPU is too small (99999999x99999999"},
+        {{"--logo", out / "no-logo.jpg"}, "no-logo.jpg"},
+    };
+    for (const auto& [options, message] : impossible) {
+        std::vector<std::string> args = {captures() + "/ldr/capture.pts", "--er-width", "1000", "--er-jpg",
+                                         "--output-prefix", out / "early"};
+        args.insert(args.end(), options.begin(), options.end());
+        const RunResult r = runRenderer(args);
+        expectCleanFailure(r, message);
+        EXPECT_EQ(countLinesWith(r.err, "load (temp)"), 0) << r.err;
+    }
+
     // The EXR output cannot be put in place: the .hdr and thumbnail before it
     // are complete, and no temporary file is left.
     fs::create_directory(out / "pano.exr");
