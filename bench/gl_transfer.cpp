@@ -69,8 +69,10 @@ int main(int argc, char** argv)
     std::vector<uint8_t> back(rgba.size());
 
     Texture tex;
-    report("upload RGBA8 (create + 256-row bands)", w, h, rgba.size(),
-           best(reps, [&] { tex.create(w, h, GL_RGBA8, GL_RGBA, rgba.data()); }));
+    report("upload RGBA8 (create + 256-row bands)", w, h, rgba.size(), best(reps, [&] {
+               tex.destroy();
+               tex = Texture::upload(w, h, GL_RGBA8, GL_RGBA, rgba.data());
+           }));
     // Where the upload time goes: storage allocation versus the copy itself.
     glBindTexture(GL_TEXTURE_2D, tex.piece(0));
     report("  re-upload into existing storage, bands", w, h, rgba.size(), best(reps, [&] {
@@ -81,25 +83,29 @@ int main(int argc, char** argv)
     report("  re-upload into existing storage, one call", w, h, rgba.size(), best(reps, [&] {
                glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, w, h, GL_RGBA, GL_UNSIGNED_BYTE, rgba.data());
            }));
+    const Framebuffer texTarget(tex);
     report("readback RGBA8 as RGBA bytes (banded)", w, h, rgba.size(),
-           best(reps, [&] { tex.readPixels(back.data(), GL_RGBA); }));
+           best(reps, [&] { texTarget.read(back.data(), GL_RGBA, GL_UNSIGNED_BYTE, w, h); }));
     if (back != rgba) {
         std::fprintf(stderr, "readback differs from the upload\n");
         return 1;
     }
 
     Texture photo;
-    report("upload RGB8 from RGB bytes", w, h, rgb.size(),
-           best(reps, [&] { photo.create(w, h, GL_RGB8, GL_RGB, rgb.data()); }));
+    report("upload RGB8 from RGB bytes", w, h, rgb.size(), best(reps, [&] {
+               photo.destroy();
+               photo = Texture::upload(w, h, GL_RGB8, GL_RGB, rgb.data());
+           }));
     std::vector<uint8_t> backRgb(rgb.size());
+    const Framebuffer photoTarget(photo);
     report("readback RGB8 as RGB bytes (banded)", w, h, rgb.size(),
-           best(reps, [&] { photo.readPixels(backRgb.data(), GL_RGB); }));
+           best(reps, [&] { photoTarget.read(backRgb.data(), GL_RGB, GL_UNSIGNED_BYTE, w, h); }));
 
-    Texture half(w, h, GL_RGBA16F);
+    const RenderTarget half(w, h, GL_RGBA16F);
     glClearColor(0.25f, 0.5f, 0.75f, 1.0f);
     glClear(GL_COLOR_BUFFER_BIT);
     glClearColor(0, 0, 0, 0);
     report("readback RGBA16F as RGBA bytes (CPU convert)", w, h, rgba.size(),
-           best(reps, [&] { half.readPixels(back.data(), GL_RGBA); }));
+           best(reps, [&] { half.framebuffer.read(back.data(), GL_RGBA, GL_UNSIGNED_BYTE, w, h); }));
     return 0;
 }

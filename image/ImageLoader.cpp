@@ -47,9 +47,7 @@ std::string lowerExtension(const std::string& path)
 
 Texture rgbTexture(const Image& rgb)
 {
-    Texture texture;
-    texture.create(rgb.width, rgb.height, GL_RGB8, GL_RGB, rgb.data, rgb.stride());
-    return texture;
+    return Texture::upload(rgb.width, rgb.height, GL_RGB8, GL_RGB, rgb.data, rgb.stride());
 }
 
 Texture loadRadiance(const std::string& path)
@@ -255,10 +253,7 @@ Texture uploadRgbe(const ImageView& rgbe)
 {
     const ExponentStats stats = exponentStats(rgbe);
     printExponentStats(rgbe, stats);
-    Texture texture;
-    texture.meanLevel = std::exp2(stats.mean());
-    texture.minLevel = std::exp2(double(stats.minE));
-    texture.maxLevel = std::exp2(double(stats.maxE));
-    texture.create(rgbe.width, rgbe.height, GL_RGBA8, GL_RGBA, rgbe.data, rgbe.stride());
+    Texture texture = Texture::upload(rgbe.width, rgbe.height, GL_RGBA8, GL_RGBA, rgbe.data, rgbe.stride());
+    texture.setExposureLevels(std::exp2(stats.mean()), std::exp2(double(stats.minE)), std::exp2(double(stats.maxE)));
     return texture;
 }

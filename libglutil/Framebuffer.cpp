@@ -1,27 +1,19 @@
 #include "libglutil/Framebuffer.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "libglutil/GLError.h"
-#include "libglutil/GLVersion.h"
-#include "libglutil/Texture.h"
-
-const char* const kDefaultVertexShader = R"(
-    #version 330
-    uniform vec2 viewportSize;
-    layout (location = 0) in vec4 vertex;
-    out vec2 _gl_TexCoord;
-
-    void main()
-    {
-        gl_Position = vec4(vertex.xy, 0, 1);
-        _gl_TexCoord = vertex.zw * viewportSize;
-    }
-)";
 
 namespace {
+
+// Reads of more pixels than this go in bands of kReadBandPixels / width rows.
+constexpr long long kBandedReadThreshold = 4096LL * 4096LL;
+constexpr long long kReadBandPixels = 8388608LL;
 
 const char* baseName(const char* path)
 {
@@ -41,17 +33,8 @@ const char* framebufferStatusText(GLenum status)
     }
 }
 
-// Full-screen strip: x, y, s, t per vertex. Vertices 0-3 are a vertically
-// flipped variant kept for layout compatibility; the pass draws 4-7, whose
-// texture coordinate (0, 0) is the bottom-left corner, i.e. the first row in
-// memory of the render target.
-const float kQuadVertices[8][4] = {
-    {-1, 1, 0, 0}, {1, 1, 1, 0}, {-1, -1, 0, 1}, {1, -1, 1, 1},
-    {-1, 1, 0, 1}, {1, 1, 1, 1}, {-1, -1, 0, 0}, {1, -1, 1, 0},
-};
-
-}  // namespace
-
+// "Framebuffer Error in file <file name> @ line <line>: <status text>"; an
+// unknown status carries the GL error report instead.
 std::string framebufferErrorText(GLenum status, const char* sourceFile, int line)
 {
     char head[256];
@@ -68,82 +51,99 @@ std::string framebufferErrorText(GLenum status, const char* sourceFile, int line
     return message;
 }
 
-void bindAsRenderTarget(Texture& texture)
+void attachFirstPiece(const Texture& texture)
 {
-    if (texture.framebuffer_ == 0) {
-        glGenFramebuffers(1, &texture.framebuffer_);
-        glBindFramebuffer(GL_FRAMEBUFFER, texture.framebuffer_);
-        // Only the first piece of a split texture is ever drawn into.
-        if (Texture::target() == GL_TEXTURE_2D_ARRAY)
-            // glFramebufferTexture3D accepts only GL_TEXTURE_3D targets; a layer
-            // of an array texture is attached with glFramebufferTextureLayer.
-            glFramebufferTextureLayer(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, texture.names_[0], 0, 0);
-        else
-            glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture.names_[0], 0);
-        const GLenum status = glCheckFramebufferStatus(GL_FRAMEBUFFER);
-        if (status != GL_FRAMEBUFFER_COMPLETE)
-            throw opengl_error(framebufferErrorText(status, __FILE__, __LINE__));
-        GL_CHECK();
-    } else {
-        glBindFramebuffer(GL_FRAMEBUFFER, texture.framebuffer_);
+    if (Texture::target() == GL_TEXTURE_2D_ARRAY)
+        // glFramebufferTexture3D accepts only GL_TEXTURE_3D targets; a layer
+        // of an array texture is attached with glFramebufferTextureLayer.
+        glFramebufferTextureLayer(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, texture.piece(0), 0, 0);
+    else
+        glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture.piece(0), 0);
+    const GLenum status = glCheckFramebufferStatus(GL_FRAMEBUFFER);
+    if (status != GL_FRAMEBUFFER_COMPLETE)
+        throw opengl_error(framebufferErrorText(status, __FILE__, __LINE__));
+    GL_CHECK();
+}
+
+// Destination rows `pixels` apart while it lives; GL's default (packed rows) after.
+class PackRowLength {
+public:
+    explicit PackRowLength(int pixels) { glPixelStorei(GL_PACK_ROW_LENGTH, pixels); }
+    ~PackRowLength() { glPixelStorei(GL_PACK_ROW_LENGTH, 0); }
+    PackRowLength(const PackRowLength&) = delete;
+    PackRowLength& operator=(const PackRowLength&) = delete;
+};
+
+size_t bytesPerComponent(GLenum type)
+{
+    switch (type) {
+    case GL_UNSIGNED_BYTE: return 1;
+    case GL_HALF_FLOAT: return 2;
+    case GL_FLOAT: return 4;
+    default: {
+        char msg[64];
+        std::snprintf(msg, sizeof msg, "unknown GL type: %d", int(type));
+        throw std::runtime_error(msg);
+    }
+    }
+}
+
+}  // namespace
+
+Framebuffer::Framebuffer(const Texture& texture)
+{
+    glGenFramebuffers(1, &name_);
+    glBindFramebuffer(GL_FRAMEBUFFER, name_);
+    try {
+        attachFirstPiece(texture);
+    } catch (...) {
+        destroy();
+        throw;
     }
     glDrawBuffer(GL_COLOR_ATTACHMENT0);
 }
 
-void legacyFullScreenPass(int width, int height)
+Framebuffer::~Framebuffer() { destroy(); }
+
+Framebuffer::Framebuffer(Framebuffer&& other) noexcept : name_(std::exchange(other.name_, 0u)) {}
+
+Framebuffer& Framebuffer::operator=(Framebuffer&& other) noexcept
 {
-    glViewport(0, 0, width, height);
-    const float w = float(width), h = float(height);
-    // glOrtho(0, w, 0, h, -1, 1), column-major.
-    const float ortho[16] = {2.0f / w, 0, 0, 0, 0, 2.0f / h, 0, 0, 0, 0, -1, 0, -1, -1, 0, 1};
-    glMatrixMode(GL_PROJECTION);
-    glLoadMatrixf(ortho);
-    glMatrixMode(GL_MODELVIEW);
-    glLoadIdentity();
-    glBegin(GL_QUADS);
-    glTexCoord2f(0, 0);
-    glVertex2f(0, 0);
-    glTexCoord2f(w, 0);
-    glVertex2f(w, 0);
-    glTexCoord2f(w, h);
-    glVertex2f(w, h);
-    glTexCoord2f(0, h);
-    glVertex2f(0, h);
-    glEnd();
+    if (this != &other) {
+        destroy();
+        name_ = std::exchange(other.name_, 0u);
+    }
+    return *this;
 }
 
-void vertexArrayFullScreenPass(int width, int height)
+void Framebuffer::destroy() noexcept
 {
-    // Created once and kept for the whole process.
-    static GLuint vertexArray = 0;
-    static GLuint vertexBuffer = 0;
-    glViewport(0, 0, width, height);
-    if (vertexArray == 0) {
-        glGenVertexArrays(1, &vertexArray);
-        glBindVertexArray(vertexArray);
-        glGenBuffers(1, &vertexBuffer);
-        glBindBuffer(GL_ARRAY_BUFFER, vertexBuffer);
-        glBufferData(GL_ARRAY_BUFFER, sizeof kQuadVertices, kQuadVertices, GL_STATIC_DRAW);
-        glEnableVertexAttribArray(0);
-        glVertexAttribPointer(0, 4, GL_FLOAT, GL_FALSE, 0, nullptr);
-        GL_CHECK();
+    if (name_ != 0)
+        glDeleteFramebuffers(1, &name_);
+    name_ = 0;
+}
+
+void Framebuffer::bind() const
+{
+    glBindFramebuffer(GL_FRAMEBUFFER, name_);
+    glDrawBuffer(GL_COLOR_ATTACHMENT0);
+}
+
+void Framebuffer::read(void* destination, GLenum pixelFormat, GLenum type, int w, int h, int rowPixels) const
+{
+    const size_t bytesPerPixel = size_t(channelsOf(pixelFormat)) * bytesPerComponent(type);
+    glPixelStorei(GL_PACK_ALIGNMENT, 1);
+    bind();
+    glReadBuffer(GL_COLOR_ATTACHMENT0);
+    PackRowLength rowLength(rowPixels);
+    auto* dst = static_cast<uint8_t*>(destination);
+    if (static_cast<long long>(w) * h > kBandedReadThreshold) {
+        const size_t rowBytes = size_t(rowPixels != 0 ? rowPixels : w) * bytesPerPixel;
+        const int band = int(kReadBandPixels / w);
+        for (int y = 0; y < h; y += band)
+            glReadPixels(0, y, w, std::min(band, h - y), pixelFormat, type, dst + rowBytes * size_t(y));
+    } else {
+        glReadPixels(0, 0, w, h, pixelFormat, type, dst);
     }
-    glBindVertexArray(vertexArray);
-    GLint program = 0;
-    glGetIntegerv(GL_CURRENT_PROGRAM, &program);
-    if (program != 0) {
-        const GLint loc = glGetUniformLocation(GLuint(program), "viewportSize");
-        if (loc != -1)
-            glUniform2f(loc, float(width), float(height));
-    }
-    glDrawArrays(GL_TRIANGLE_STRIP, 4, 4);
     GL_CHECK();
-}
-
-void fullScreenPass(int width, int height)
-{
-    if (glVersionNumber() < 33)
-        legacyFullScreenPass(width, height);
-    else
-        vertexArrayFullScreenPass(width, height);
 }

@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-#include "libglutil/Framebuffer.h"
+#include "libglutil/FullScreenPass.h"
 #include "libglutil/GLError.h"
 #include "libglutil/GLVersion.h"
 

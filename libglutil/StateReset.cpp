@@ -5,7 +5,6 @@
 #include <algorithm>
 
 #include "libglutil/GLVersion.h"
-#include "libglutil/Texture.h"
 
 void resetContextState()
 {
@@ -42,7 +41,6 @@ void resetContextState()
     glDisable(GL_SCISSOR_TEST);
     glColorMask(GL_TRUE, GL_TRUE, GL_TRUE, GL_TRUE);
     glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
-    Texture::mipmapRequest() = false;
 
     // Errors left by the failed work; a lost context reports errors forever.
     for (int k = 0; k < 64 && glGetError() != GL_NO_ERROR; ++k) {

@@ -8,7 +8,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "libglutil/Framebuffer.h"
 #include "libglutil/GLError.h"
 #include "libglutil/GLVersion.h"
 
@@ -16,9 +15,6 @@ namespace {
 
 // Rows per glTexSubImage2D call: keeps each driver-side conversion small.
 constexpr int kUploadBand = 256;
-// Reads of more pixels than this go in bands of kReadBandPixels / width rows.
-constexpr long long kBandedReadThreshold = 4096LL * 4096LL;
-constexpr long long kReadBandPixels = 8388608LL;
 // Widest image that is kept whole when the GPU could hold more: wider panoramas
 // are always split so that each piece stays a comfortable size.
 constexpr int kWideImageCap = 8192;
@@ -122,12 +118,6 @@ GLenum Texture::target()
     return t;
 }
 
-bool& Texture::mipmapRequest()
-{
-    static bool request = false;
-    return request;
-}
-
 void Texture::checkFits(int width, int height)
 {
     const int max = effectiveMax(width, height);
@@ -138,67 +128,62 @@ void Texture::checkFits(int width, int height)
     }
 }
 
-Texture::Texture(int width, int height, GLenum internalFormat)
+Texture Texture::upload(int width, int height, GLenum internalFormat, GLenum pixelFormat, const void* data,
+                        int rowStride, Mipmaps mipmaps)
 {
-    try {
-        create(width, height, internalFormat, GL_RGBA, nullptr, 0);
-    } catch (...) {
-        destroy();  // the names generated so far
-        throw;
-    }
+    Texture texture;  // releases the names generated so far if allocation fails
+    texture.allocate(width, height, internalFormat, pixelFormat, data, rowStride, mipmaps == Mipmaps::generate);
+    return texture;
+}
+
+Texture Texture::renderTarget(int width, int height, GLenum internalFormat)
+{
+    Texture texture;
+    texture.allocate(width, height, internalFormat, GL_RGBA, nullptr, 0, false);
+    return texture;
 }
 
 Texture::~Texture() { destroy(); }
 
-Texture::Texture(Texture&& other) noexcept { *this = std::move(other); }
+Texture::Texture(Texture&& other) noexcept : s_(std::exchange(other.s_, State{})) {}
 
 Texture& Texture::operator=(Texture&& other) noexcept
 {
-    if (this == &other)
-        return *this;
-    destroy();
-    names_[0] = std::exchange(other.names_[0], 0u);
-    names_[1] = std::exchange(other.names_[1], 0u);
-    count_ = std::exchange(other.count_, 0);
-    framebuffer_ = std::exchange(other.framebuffer_, 0u);
-    width_ = std::exchange(other.width_, 0);
-    height_ = std::exchange(other.height_, 0);
-    tileWidth_ = std::exchange(other.tileWidth_, 0);
-    tileHeight_ = std::exchange(other.tileHeight_, 0);
-    layers_ = std::exchange(other.layers_, 0);
-    isHDR_ = std::exchange(other.isHDR_, false);
-    isRGBE_ = std::exchange(other.isRGBE_, false);
-    isMipMap_ = std::exchange(other.isMipMap_, false);
-    internalFormat_ = std::exchange(other.internalFormat_, 0u);
-    meanLevel = std::exchange(other.meanLevel, 0.0);
-    minLevel = std::exchange(other.minLevel, 0.0);
-    maxLevel = std::exchange(other.maxLevel, 0.0);
+    if (this != &other) {
+        destroy();
+        s_ = std::exchange(other.s_, State{});
+    }
     return *this;
 }
 
-void Texture::create(int width, int height, GLenum internalFormat, GLenum pixelFormat, const void* data,
-                     int rowStride)
+void Texture::setExposureLevels(double mean, double min, double max)
 {
-    destroy();  // a texture object can be re-created; never leak the old names
+    s_.meanLevel = mean;
+    s_.minLevel = min;
+    s_.maxLevel = max;
+}
+
+void Texture::allocate(int width, int height, GLenum internalFormat, GLenum pixelFormat, const void* data,
+                       int rowStride, bool mipmaps)
+{
     const int max = effectiveMax(width, height);
     checkFits(width, height);
 
-    isHDR_ = internalFormat == GL_RGB16F || internalFormat == GL_RGBA8;
-    isRGBE_ = internalFormat == GL_RGBA8;
-    internalFormat_ = internalFormat;
-    width_ = width;
-    height_ = height;
-    isMipMap_ = data && mipmapRequest() && !isHDR_;
-    mipmapRequest() = false;
+    s_.isHDR = internalFormat == GL_RGB16F || internalFormat == GL_RGBA8;
+    s_.isRGBE = internalFormat == GL_RGBA8;
+    s_.internalFormat = internalFormat;
+    s_.width = width;
+    s_.height = height;
+    s_.isMipMap = data && mipmaps && !s_.isHDR;
 
     // An odd split width loses the last column; the renderer has always accepted that.
-    tileWidth_ = width > max ? width / 2 : width;
-    tileHeight_ = height;
+    s_.tileWidth = width > max ? width / 2 : width;
+    s_.tileHeight = height;
     const bool split = width > max;
     if (rowStride == 0)
         rowStride = width * channelsOf(pixelFormat);
     const bool array = target() == GL_TEXTURE_2D_ARRAY;
-    layers_ = array && split ? 2 : 1;
+    s_.layers = array && split ? 2 : 1;
 
     // Creating a texture must not disturb the inputs a pass has already bound:
     // the binding of the active unit is put back afterwards.
@@ -211,17 +196,15 @@ void Texture::create(int width, int height, GLenum internalFormat, GLenum pixelF
     } restore{target(), previous};
 
     const auto* bytes = static_cast<const uint8_t*>(data);
-    count_ = 1;
-    storePiece(target(), names_[0], tileWidth_, tileHeight_, layers_, isMipMap_, internalFormat, pixelFormat, bytes,
-               rowStride);
+    s_.count = 1;
+    storePiece(target(), s_.names[0], s_.tileWidth, s_.tileHeight, s_.layers, s_.isMipMap, internalFormat,
+               pixelFormat, bytes, rowStride);
     if (!array && split) {
-        count_ = 2;
-        const uint8_t* right = bytes ? bytes + size_t(tileWidth_) * size_t(channelsOf(pixelFormat)) : nullptr;
-        storePiece(target(), names_[1], tileWidth_, tileHeight_, 1, isMipMap_, internalFormat, pixelFormat, right,
-                   rowStride);
+        s_.count = 2;
+        const uint8_t* right = bytes ? bytes + size_t(s_.tileWidth) * size_t(channelsOf(pixelFormat)) : nullptr;
+        storePiece(target(), s_.names[1], s_.tileWidth, s_.tileHeight, 1, s_.isMipMap, internalFormat, pixelFormat,
+                   right, rowStride);
     }
-    if (!data)
-        bindAsRenderTarget(*this);
 }
 
 GLenum Texture::bind(GLenum unit) const
@@ -235,60 +218,30 @@ GLenum Texture::bind(GLenum unit) const
             const std::string name = "tileSize" + std::to_string(index);
             const GLint loc = glGetUniformLocation(GLuint(program), name.c_str());
             if (loc != -1)
-                glUniform3i(loc, tileWidth_, tileHeight_, count_);
+                glUniform3i(loc, s_.tileWidth, s_.tileHeight, s_.count);
         }
         const std::string sizeName = "texSize" + std::to_string(index);
         const GLint loc = glGetUniformLocation(GLuint(program), sizeName.c_str());
         if (loc != -1)
-            glUniform2i(loc, width_, height_);
-        setUniform1i(program, "texIsRGBE", index, isRGBE_ ? 1 : 0);
-        setUniform1i(program, "texIsHDR", index, isHDR_ ? 1 : 0);
-        setUniform1i(program, "texIsMipMap", index, isMipMap_ ? 1 : 0);
+            glUniform2i(loc, s_.width, s_.height);
+        setUniform1i(program, "texIsRGBE", index, s_.isRGBE ? 1 : 0);
+        setUniform1i(program, "texIsHDR", index, s_.isHDR ? 1 : 0);
+        setUniform1i(program, "texIsMipMap", index, s_.isMipMap ? 1 : 0);
     }
     GL_CHECK();
-    for (int k = 0; k < count_; ++k) {
+    for (int k = 0; k < s_.count; ++k) {
         glActiveTexture(unit + GLenum(k));
-        glBindTexture(target(), names_[k]);
+        glBindTexture(target(), s_.names[k]);
     }
     glActiveTexture(unit);
-    return unit + GLenum(count_);
-}
-
-void Texture::readPixels(void* destination, GLenum pixelFormat, int w, int h)
-{
-    if (w == 0)
-        w = width_;
-    if (h == 0)
-        h = height_;
-    glPixelStorei(GL_PACK_ALIGNMENT, 1);
-    bindAsRenderTarget(*this);
-    glReadBuffer(GL_COLOR_ATTACHMENT0);
-    auto* dst = static_cast<uint8_t*>(destination);
-    if (static_cast<long long>(w) * h > kBandedReadThreshold) {
-        GLint rowLength = 0;
-        glGetIntegerv(GL_PACK_ROW_LENGTH, &rowLength);
-        if (rowLength == 0)
-            rowLength = w;
-        const size_t bytesPerPixel = size_t(channelsOf(pixelFormat));
-        const int band = int(kReadBandPixels / w);
-        for (int y = 0; y < h; y += band)
-            glReadPixels(0, y, w, std::min(band, h - y), pixelFormat, GL_UNSIGNED_BYTE,
-                         dst + size_t(rowLength) * size_t(y) * bytesPerPixel);
-    } else {
-        glReadPixels(0, 0, w, h, pixelFormat, GL_UNSIGNED_BYTE, dst);
-    }
-    GL_CHECK();
+    return unit + GLenum(s_.count);
 }
 
 void Texture::destroy() noexcept
 {
     // Nothing may be thrown from here. Unused slots hold 0, which GL ignores,
     // so a creation that failed half-way is released the same way.
-    if (names_[0] != 0 || names_[1] != 0)
-        glDeleteTextures(2, names_);
-    if (framebuffer_ != 0)
-        glDeleteFramebuffers(1, &framebuffer_);
-    names_[0] = names_[1] = 0;
-    count_ = 0;
-    framebuffer_ = 0;
+    if (s_.names[0] != 0 || s_.names[1] != 0)
+        glDeleteTextures(2, s_.names);
+    s_ = State{};
 }

@@ -3,37 +3,39 @@
 // Every upload is 8 bits per component (HDR images travel as RGBE bytes and are
 // decoded in the shaders). An image wider than the GPU allows is split into a
 // left and a right piece (two 2D textures, or two layers of one array texture
-// with USE_ARRAY_TEXTURE). Move-only: exactly one owner per GL name.
+// with USE_ARRAY_TEXTURE). Move-only: exactly one owner per GL name. Drawing
+// into a texture and reading it back go through a Framebuffer
+// (libglutil/Framebuffer.h).
 #include <GL/glew.h>
 
 #include <cstdint>
 
 class Texture {
 public:
+    enum class Mipmaps { none, generate };
+
+    // An empty texture (no GL names); the factories below make real ones.
     Texture() = default;
-    // Render target of the given size and internal format (pixel format GL_RGBA,
-    // no data); its framebuffer is created and checked at once.
-    Texture(int width, int height, GLenum internalFormat);
     ~Texture();
     Texture(const Texture&) = delete;
     Texture& operator=(const Texture&) = delete;
     Texture(Texture&& other) noexcept;
     Texture& operator=(Texture&& other) noexcept;
 
-    // data == nullptr creates a render target. rowStride in bytes, 0 = packed;
-    // it must be a whole number of pixels (GL counts row length in pixels).
-    void create(int width, int height, GLenum internalFormat, GLenum pixelFormat, const void* data,
-                int rowStride = 0);
+    // Uploads `data` (8 bits a component in `pixelFormat`; rowStride in bytes,
+    // 0 = packed, a whole number of pixels because GL counts row length in
+    // pixels). A mipmap chain is generated only when asked for and the format
+    // is not HDR.
+    static Texture upload(int width, int height, GLenum internalFormat, GLenum pixelFormat, const void* data,
+                          int rowStride = 0, Mipmaps mipmaps = Mipmaps::none);
+    // A texture of the given size and internal format without data, to be
+    // drawn into through a Framebuffer.
+    static Texture renderTarget(int width, int height, GLenum internalFormat);
 
     // Binds the pieces to unit, unit + 1, ... and sets the per-unit uniforms
     // (texSize<i>, texIsRGBE<i>, texIsHDR<i>, texIsMipMap<i>, tileSize<i> below
     // GL 3.0) on the current program. Returns the first unit after them.
     GLenum bind(GLenum unit) const;
-
-    // Reads the first piece as 8-bit data (GL_RGB or GL_RGBA), rows bottom-up as
-    // GL delivers them; w/h of 0 mean the texture's size. Honours the current
-    // GL_PACK_ROW_LENGTH. Large reads go in bands.
-    void readPixels(void* destination, GLenum pixelFormat, int w = 0, int h = 0);
 
     // Releases every GL name; never throws.
     void destroy() noexcept;
@@ -43,39 +45,46 @@ public:
     // the 8192 cap for images wider than 10000 and at most 8192 high.
     static void checkFits(int width, int height);
 
-    int width() const { return width_; }
-    int height() const { return height_; }
-    int tileWidth() const { return tileWidth_; }
-    int tileHeight() const { return tileHeight_; }
-    int count() const { return count_; }
-    GLuint piece(int i) const { return names_[i]; }
-    GLuint framebuffer() const { return framebuffer_; }
-    bool isHDR() const { return isHDR_; }
-    bool isRGBE() const { return isRGBE_; }
-    bool isMipMap() const { return isMipMap_; }
+    int width() const { return s_.width; }
+    int height() const { return s_.height; }
+    int tileWidth() const { return s_.tileWidth; }
+    int tileHeight() const { return s_.tileHeight; }
+    int count() const { return s_.count; }
+    GLuint piece(int i) const { return s_.names[i]; }
+    bool isHDR() const { return s_.isHDR; }
+    bool isRGBE() const { return s_.isRGBE; }
+    bool isMipMap() const { return s_.isMipMap; }
     // Layers of the array texture (2 for a split image in array mode), else 1.
-    int layers() const { return layers_; }
-    GLenum internalFormat() const { return internalFormat_; }
+    int layers() const { return s_.layers; }
+    GLenum internalFormat() const { return s_.internalFormat; }
 
     // Exposure statistics of an uploaded RGBE image: 2^mean, 2^min, 2^max of
     // the exponent (E - 128, E = 0 skipped); 0 otherwise. Set by the uploader.
-    double meanLevel = 0, minLevel = 0, maxLevel = 0;
+    double meanLevel() const { return s_.meanLevel; }
+    double minLevel() const { return s_.minLevel; }
+    double maxLevel() const { return s_.maxLevel; }
+    void setExposureLevels(double mean, double min, double max);
 
     // GL_TEXTURE_2D_ARRAY when USE_ARRAY_TEXTURE was set at start, else GL_TEXTURE_2D.
     static GLenum target();
-    // One-shot request for a mipmap chain on the next creation with data.
-    static bool& mipmapRequest();
 
 private:
-    friend void bindAsRenderTarget(Texture& texture);
-    GLuint names_[2] = {0, 0};
-    int count_ = 0;
-    GLuint framebuffer_ = 0;
-    int width_ = 0, height_ = 0;
-    int tileWidth_ = 0, tileHeight_ = 0;
-    bool isHDR_ = false, isRGBE_ = false, isMipMap_ = false;
-    int layers_ = 0;
-    GLenum internalFormat_ = 0;
+    // data == nullptr leaves the storage undefined.
+    void allocate(int width, int height, GLenum internalFormat, GLenum pixelFormat, const void* data, int rowStride,
+                  bool mipmaps);
+
+    // All a texture is, moved as one value; a moved-from texture holds the default.
+    struct State {
+        GLuint names[2] = {0, 0};
+        int count = 0;
+        int width = 0, height = 0;
+        int tileWidth = 0, tileHeight = 0;
+        bool isHDR = false, isRGBE = false, isMipMap = false;
+        int layers = 0;
+        GLenum internalFormat = 0;
+        double meanLevel = 0, minLevel = 0, maxLevel = 0;
+    };
+    State s_;
 };
 
 // Channels of a pixel format: GL_RED 1, GL_RGB 3, GL_RGBA 4; else throws

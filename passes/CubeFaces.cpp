@@ -24,7 +24,7 @@
 #include "image/OpenExr.h"
 #include "image/OutputFile.h"
 #include "libglutil/Framebuffer.h"
-#include "libglutil/GLError.h"
+#include "libglutil/FullScreenPass.h"
 #include "libglutil/Shader.h"
 #include "libglutil/Stage.h"
 #include "libglutil/Texture.h"
@@ -33,13 +33,13 @@
 namespace {
 
 // Draws the six faces in table order from `input` into an s x s target and
-// hands each one, still bound as render target, to `useFace(face, target)`.
+// hands each one to `useFace(face, framebuffer)` to read it back.
 template <class UseFace>
 void renderFaces(const Texture& input, int faceSize, UseFace&& useFace)
 {
     // Half floats for HDR input keep the EXR path free of any conversion on
     // readback; 8-bit input gets an 8-bit target.
-    Texture target(faceSize, faceSize, input.isHDR() ? GL_RGBA16F : GL_RGBA8);
+    const RenderTarget target(faceSize, faceSize, input.isHDR() ? GL_RGBA16F : GL_RGBA8);
     finishStage("cpu -> gpu (render)");
 
     const Shader& program = sharedShader("envmap", "");
@@ -49,30 +49,12 @@ void renderFaces(const Texture& input, int faceSize, UseFace&& useFace)
         const Mat3f m = yawPitchMatrix(kCubeFaces[f].yaw, kCubeFaces[f].pitch);
         program.setMatrix3("yaw_pitch_mat", m.data());
         input.bind(GL_TEXTURE0);
-        bindAsRenderTarget(target);
+        target.framebuffer.bind();
         glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
         fullScreenPass(faceSize, faceSize);
         finishStage("render (cubemap)");
-        useFace(f, target);
+        useFace(f, target.framebuffer);
     }
-}
-
-// RGBA half floats of the bound s x s target, in bands above 4096 x 4096.
-void readHalfPixels(Texture& target, Imf::Rgba* destination)
-{
-    const int64_t w = target.width(), h = target.height();
-    glPixelStorei(GL_PACK_ALIGNMENT, 1);
-    bindAsRenderTarget(target);
-    glReadBuffer(GL_COLOR_ATTACHMENT0);
-    if (w * h > 16777216) {
-        const int64_t band = 8388608 / w;
-        for (int64_t y = 0; y < h; y += band)
-            glReadPixels(0, GLint(y), GLsizei(w), GLsizei(std::min(band, h - y)), GL_RGBA, GL_HALF_FLOAT,
-                         destination + y * w);
-    } else {
-        glReadPixels(0, 0, GLsizei(w), GLsizei(h), GL_RGBA, GL_HALF_FLOAT, destination);
-    }
-    GL_CHECK();
 }
 
 // 2 x 2 box average in place; the face shrinks to half its width (truncated).
@@ -212,9 +194,9 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& p
         Imf::TiledRgbaOutputFile file(exrStream, header, Imf::WRITE_RGB, tile, tile, Imf::MIPMAP_LEVELS,
                                       Imf::ROUND_DOWN, Imf::globalThreadCount());
         std::map<int, SmallLevel> smallLevels;
-        renderFaces(input, faceSize, [&](int face, Texture& target) {
+        renderFaces(input, faceSize, [&](int face, const Framebuffer& target) {
             std::vector<Imf::Rgba> pixels(size_t(faceSize) * faceSize);
-            readHalfPixels(target, pixels.data());
+            target.read(pixels.data(), GL_RGBA, GL_HALF_FLOAT, faceSize, faceSize);
             finishStage("gpu -> cpu (render)");
             writeFaceLevels(file, face, pixels.data(), faceSize, smallLevels);
             finishStage("save (cubeface EXR)");
@@ -228,17 +210,16 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& p
 
 void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames& names)
 {
-    Texture input;
-    input.create(rgb.width, rgb.height, GL_RGB8, GL_RGB, rgb.data, rgb.stride());
+    const Texture input = Texture::upload(rgb.width, rgb.height, GL_RGB8, GL_RGB, rgb.data, rgb.stride());
 
     if (names.pyramid() && !std::filesystem::exists(names.folder()))
         std::filesystem::create_directories(names.folder());
 
     const int tile = cubeTileSize(faceSize);
     const int top = pyramidLevelCount(faceSize) - 1;
-    renderFaces(input, faceSize, [&](int face, Texture& target) {
+    renderFaces(input, faceSize, [&](int face, const Framebuffer& target) {
         Image image(faceSize, faceSize, 3);
-        target.readPixels(image.data, GL_RGB);
+        target.read(image.data, GL_RGB, GL_UNSIGNED_BYTE, faceSize, faceSize);
         finishStage("gpu -> cpu (render)");
         if (names.pyramid()) {
             ImageView level = image;

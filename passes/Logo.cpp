@@ -4,7 +4,7 @@
 
 #include "image/ImageLoader.h"
 #include "libglutil/Framebuffer.h"
-#include "libglutil/GLError.h"
+#include "libglutil/FullScreenPass.h"
 #include "libglutil/Shader.h"
 #include "libglutil/Stage.h"
 #include "libglutil/Texture.h"
@@ -15,7 +15,7 @@ void drawLogo(int width, int height, uint8_t* pixels, int rowStrideBytes, const 
     const int n = logoTileCount(width);
     const int tileWidth = width / n;
     const int bandHeight = logoBandHeight(fov, height);
-    Texture target(tileWidth, bandHeight, GL_RGBA8);
+    const RenderTarget target(tileWidth, bandHeight, GL_RGBA8);
 
     Texture logo = loadImage(logoPath);
     finishStage("load (logo)");
@@ -33,14 +33,12 @@ void drawLogo(int width, int height, uint8_t* pixels, int rowStrideBytes, const 
         const std::array<float, 9> cameraMat = logoCameraMatrix(i, n);
         program.setMatrix3("cameraMat", cameraMat.data());
         logo.bind(GL_TEXTURE0);
-        bindAsRenderTarget(target);
+        target.framebuffer.bind();
         glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
         fullScreenPass(target.width(), target.height());
 
-        glPixelStorei(GL_PACK_ROW_LENGTH, rowStrideBytes / bytesPerPixel);
-        target.readPixels(bandStart + int64_t(i) * tileWidth * bytesPerPixel, format);
-        glPixelStorei(GL_PACK_ROW_LENGTH, 0);
-        GL_CHECK();
+        target.framebuffer.read(bandStart + int64_t(i) * tileWidth * bytesPerPixel, format, GL_UNSIGNED_BYTE,
+                                target.width(), target.height(), rowStrideBytes / bytesPerPixel);
     }
     finishStage("render logo");
 }

@@ -20,6 +20,7 @@
 #include "image/Colour.h"
 #include "image/ImageLoader.h"
 #include "libglutil/Framebuffer.h"
+#include "libglutil/FullScreenPass.h"
 #include "libglutil/GLError.h"
 #include "libglutil/Shader.h"
 #include "libglutil/Stage.h"
@@ -91,7 +92,8 @@ private:
     void release(Texture& texture) { spare_ = std::move(texture); }
     std::string sourcePath(size_t index) const;
     void drawImage(int strip, size_t entryIndex, bool openSouthFlag, const Texture& texture);
-    void boundedPass(const ImageEntry& entry, const Texture& source, const Mat3& cameraMat, const Texture& target);
+    void boundedPass(const ImageEntry& entry, const Texture& source, const Mat3& cameraMat,
+                     const RenderTarget& target);
     void readBackStrip(int strip);
     void turnToHeading();
 
@@ -109,7 +111,7 @@ private:
     std::pair<float, float> correction_{0.0f, 0.0f};
     int stripWidth_ = 0;
 
-    Texture stripTarget_, maskTarget_, byteBand_;
+    RenderTarget stripTarget_, maskTarget_, byteBand_;
     Texture spare_;
     const Shader* draw_ = nullptr;  // from the shared program cache
     const Shader* mask_ = nullptr;
@@ -155,8 +157,8 @@ void EquirectStitcher::run()
         correction_ = {last.pitch, last.roll};
     }
 
-    stripTarget_ = Texture(stripWidth_, outHeight_, GL_RGB16F);
-    maskTarget_ = Texture(kMaskWidth / slots, kMaskHeight, GL_RGB8);
+    stripTarget_ = RenderTarget(stripWidth_, outHeight_, GL_RGB16F);
+    maskTarget_ = RenderTarget(kMaskWidth / slots, kMaskHeight, GL_RGB8);
     const char* fisheyeDefine = layout_.fisheye ? "#define FISHEYE\n" : "";
     draw_ = &sharedShader("fish", std::string("#define USE_MASK\n") + (hdr_ ? "" : "#define LDR\n") + fisheyeDefine);
     mask_ = &sharedShader("fish", std::string("#define RENDER_MASK\n") + fisheyeDefine);
@@ -175,7 +177,7 @@ void EquirectStitcher::run()
     mask_->use();
     mask_->setUniform("outFovX", layout_.slotAngle);
     if (!hdr_)
-        byteBand_ = Texture(stripWidth_, std::min(outHeight_, kByteBandRows), GL_RGBA8);
+        byteBand_ = RenderTarget(stripWidth_, std::min(outHeight_, kByteBandRows), GL_RGBA8);
 
     glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
     GL_CHECK();
@@ -188,7 +190,7 @@ void EquirectStitcher::run()
 
     for (int strip = 1; strip <= slots; ++strip) {
         glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
-        bindAsRenderTarget(maskTarget_);
+        maskTarget_.framebuffer.bind();
         glViewport(0, 0, maskTarget_.width(), maskTarget_.height());
         glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
         GL_CHECK();
@@ -270,7 +272,7 @@ Texture EquirectStitcher::loadSharpened(const Shader& sharpenProgram, const std:
     if (spare_.width() == loaded.width() && spare_.height() == loaded.height())
         sharpened = std::move(spare_);
     else
-        sharpened = Texture(loaded.width(), loaded.height(), GL_RGBA8);
+        sharpened = Texture::renderTarget(loaded.width(), loaded.height(), GL_RGBA8);
     spare_.destroy();
     if (!hdr_) {
         // 8-bit sources are resampled by the hardware bilinear filter; RGBE
@@ -282,7 +284,7 @@ Texture EquirectStitcher::loadSharpened(const Shader& sharpenProgram, const std:
     }
     sharpenProgram.use();
     loaded.bind(GL_TEXTURE0);
-    bindAsRenderTarget(sharpened);
+    const Framebuffer target(sharpened);
     glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
     fullScreenPass(sharpened.width(), sharpened.height());
     finishStage("sharpen");
@@ -305,28 +307,21 @@ void EquirectStitcher::drawImage(int strip, size_t entryIndex, bool openSouthFla
     const Mat3 cameraMat = cameraMatrix(entry.yaw, entry.pitch, entry.roll, correction_, stripOffset);
 
     glEnable(GL_BLEND);
-
-    draw_->use();
-    draw_->setUniform("openSouth", openSouth);
-    setCameraUniforms(*draw_, entry, texture, stripTarget_, correction_, stripOffset);
-    texture.bind(GL_TEXTURE0);
-    maskTarget_.bind(GL_TEXTURE1);
-    bindAsRenderTarget(stripTarget_);
-    if (entryIndex == 0)
-        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
-    boundedPass(entry, texture, cameraMat, stripTarget_);
-
-    // The mask program never samples unit 1, the texture it renders into.
-    mask_->use();
-    mask_->setUniform("openSouth", openSouth);
-    setCameraUniforms(*mask_, entry, texture, maskTarget_, correction_, stripOffset);
-    texture.bind(GL_TEXTURE0);
-    maskTarget_.bind(GL_TEXTURE1);
-    bindAsRenderTarget(maskTarget_);
-    if (entryIndex == 0)
-        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
-    boundedPass(entry, texture, cameraMat, maskTarget_);
-
+    // The image into the strip, then its weight into the mask. Both programs
+    // get the mask on unit 1; the mask program never samples it, as it
+    // renders into it.
+    const std::pair<const Shader*, const RenderTarget*> passes[] = {{draw_, &stripTarget_}, {mask_, &maskTarget_}};
+    for (const auto& [program, target] : passes) {
+        program->use();
+        program->setUniform("openSouth", openSouth);
+        setCameraUniforms(*program, entry, texture, target->texture, correction_, stripOffset);
+        texture.bind(GL_TEXTURE0);
+        maskTarget_.texture.bind(GL_TEXTURE1);
+        target->framebuffer.bind();
+        if (entryIndex == 0)
+            glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+        boundedPass(entry, texture, cameraMat, *target);
+    }
     glDisable(GL_BLEND);
     GL_CHECK();
     finishStage("render");
@@ -336,7 +331,7 @@ void EquirectStitcher::drawImage(int strip, size_t entryIndex, bool openSouthFla
 // scissor to the part the source can reach: the shader discards every other
 // fragment, so the target ends up exactly as after a pass over all of it.
 void EquirectStitcher::boundedPass(const ImageEntry& entry, const Texture& source, const Mat3& cameraMat,
-                                   const Texture& target)
+                                   const RenderTarget& target)
 {
     if (!tuning_.boundDraws) {
         fullScreenPass(target.width(), target.height());
@@ -360,17 +355,14 @@ void EquirectStitcher::readBackStrip(int strip)
     uint8_t* destination = pixels_ + size_t(strip - 1) * size_t(stripWidth_) * bytesPerPixel;
 
     if (hdr_) {
-        Texture rgbeStrip(stripWidth_, outHeight_, GL_RGBA8);
+        const RenderTarget rgbeStrip(stripWidth_, outHeight_, GL_RGBA8);
         pack_->use();
-        stripTarget_.bind(GL_TEXTURE0);
-        bindAsRenderTarget(rgbeStrip);
+        stripTarget_.texture.bind(GL_TEXTURE0);
+        rgbeStrip.framebuffer.bind();
         glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
         fullScreenPass(stripWidth_, outHeight_);
         finishStage("render (rgb2rgbe)");
-        glPixelStorei(GL_PACK_ROW_LENGTH, outWidth_);
-        rgbeStrip.readPixels(destination, GL_RGBA, stripWidth_, outHeight_);
-        glPixelStorei(GL_PACK_ROW_LENGTH, 0);
-        GL_CHECK();
+        rgbeStrip.framebuffer.read(destination, GL_RGBA, GL_UNSIGNED_BYTE, stripWidth_, outHeight_, outWidth_);
         finishStage("gpu -> cpu (render)");
         return;
     }
@@ -380,17 +372,15 @@ void EquirectStitcher::readBackStrip(int strip)
     // works band by band through a small target that stays in the cache
     // between being written and being read.
     pack_->use();
-    stripTarget_.bind(GL_TEXTURE0);
-    glPixelStorei(GL_PACK_ROW_LENGTH, outWidth_);
+    stripTarget_.texture.bind(GL_TEXTURE0);
     for (int row = 0; row < outHeight_; row += byteBand_.height()) {
         const int rows = std::min(byteBand_.height(), outHeight_ - row);
         pack_->setUniform("firstRow", row);
-        bindAsRenderTarget(byteBand_);
+        byteBand_.framebuffer.bind();
         fullScreenPass(stripWidth_, rows);
-        byteBand_.readPixels(destination + size_t(row) * size_t(outWidth_) * 3, GL_RGB, stripWidth_, rows);
+        byteBand_.framebuffer.read(destination + size_t(row) * size_t(outWidth_) * 3, GL_RGB, GL_UNSIGNED_BYTE,
+                                   stripWidth_, rows, outWidth_);
     }
-    glPixelStorei(GL_PACK_ROW_LENGTH, 0);
-    GL_CHECK();
     finishStage("gpu -> cpu (render)");
 }
 

@@ -6,7 +6,7 @@
 
 #include "image/ExponentStats.h"
 #include "libglutil/Framebuffer.h"
-#include "libglutil/GLError.h"
+#include "libglutil/FullScreenPass.h"
 #include "libglutil/Shader.h"
 #include "libglutil/Stage.h"
 #include "libglutil/Texture.h"
@@ -31,7 +31,7 @@ ImageView tonemap(const ImageView& rgbe)
 
     const ToneChunks chunks = toneChunks(width, height);
     const int64_t chunkPixels = int64_t(chunks.width) * chunks.height;
-    Texture target(chunks.width, chunks.height, GL_RGB8);
+    const RenderTarget target(chunks.width, chunks.height, GL_RGB8);
 
     for (int k = 0; k < chunks.count; ++k) {
         const uint8_t* in = rgbe.data + k * chunkPixels * 4;
@@ -49,22 +49,18 @@ ImageView tonemap(const ImageView& rgbe)
         chunkView.height = chunks.height;
         printExponentStats(chunkView, stats);
 
-        Texture input;
-        input.create(chunks.width, chunks.height, GL_RGBA8, GL_RGBA, in, 4 * chunks.width);
+        const Texture input = Texture::upload(chunks.width, chunks.height, GL_RGBA8, GL_RGBA, in, 4 * chunks.width);
         finishStage("cpu -> gpu (render)");
 
         input.bind(GL_TEXTURE0);
-        bindAsRenderTarget(target);
+        target.framebuffer.bind();
         glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
         fullScreenPass(chunks.width, chunks.height);
         finishStage("render (tonemap)");
 
         // 3 bytes a pixel land behind the 4-byte input of this and the later
         // chunks: nothing still to be uploaded is overwritten.
-        glPixelStorei(GL_PACK_ROW_LENGTH, chunks.width);
-        target.readPixels(rgbe.data + k * chunkPixels * 3, GL_RGB);
-        glPixelStorei(GL_PACK_ROW_LENGTH, 0);
-        GL_CHECK();
+        target.framebuffer.read(rgbe.data + k * chunkPixels * 3, GL_RGB, GL_UNSIGNED_BYTE, chunks.width, chunks.height);
         finishStage("gpu -> cpu (render)");
     }
 

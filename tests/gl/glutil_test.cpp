@@ -10,6 +10,7 @@
 
 #include "image/Rgbe.h"
 #include "libglutil/Framebuffer.h"
+#include "libglutil/FullScreenPass.h"
 #include "libglutil/GLError.h"
 #include "libglutil/Shader.h"
 #include "libglutil/ShaderCache.h"
@@ -24,9 +25,7 @@ namespace {
 
 Texture textureOf(int w, int h, GLenum internal, GLenum format, const void* data)
 {
-    Texture t;
-    t.create(w, h, internal, format, data);
-    return t;
+    return Texture::upload(w, h, internal, format, data);
 }
 
 }  // namespace
@@ -69,8 +68,7 @@ TEST(ShaderStdlib, RgbeMatchesTheCpuEncoder)
     Shader sample("test_sample", "");
     sample.use();
     pair.bind(GL_TEXTURE0);
-    Texture target(1, 1, GL_RGBA32F);
-    bindAsRenderTarget(target);
+    const RenderTarget target(1, 1, GL_RGBA32F);
     sample.setUniform("origin", 0.5f, 0.0f);
     sample.setUniform("step", 0.0f, 0.0f);
     fullScreenPass(1, 1);

@@ -20,6 +20,7 @@
 
 #include "image/Rgbe.h"
 #include "libglutil/Framebuffer.h"
+#include "libglutil/FullScreenPass.h"
 #include "libglutil/GLError.h"
 #include "libglutil/Shader.h"
 #include "libglutil/Texture.h"
@@ -99,9 +100,7 @@ Texture flatImage(int w, int h, std::array<uint8_t, 4> pixel)
     std::vector<uint8_t> bytes(size_t(w) * h * 4);
     for (size_t i = 0; i < bytes.size(); i += 4)
         std::copy(pixel.begin(), pixel.end(), bytes.begin() + i);
-    Texture t;
-    t.create(w, h, GL_RGBA8, GL_RGBA, bytes.data());
-    return t;
+    return Texture::upload(w, h, GL_RGBA8, GL_RGBA, bytes.data());
 }
 
 // Draws `source` with `program` (uniforms set) over an empty mask into a
@@ -112,8 +111,7 @@ std::vector<float> render(const Shader& program, const Texture& source)
     program.use();
     source.bind(GL_TEXTURE0);
     emptyMask.bind(GL_TEXTURE1);
-    Texture target(kOutW, kOutH, GL_RGBA32F);
-    bindAsRenderTarget(target);
+    const RenderTarget target(kOutW, kOutH, GL_RGBA32F);
     glClearColor(0, 0, 0, 0);
     glClear(GL_COLOR_BUFFER_BIT);
     fullScreenPass(kOutW, kOutH);
@@ -138,9 +136,7 @@ Texture coordinateImage(int w, int h, bool alongX)
             p[2] = 255;
             p[3] = 136;  // byte * 2^(136 - 136)
         }
-    Texture t;
-    t.create(w, h, GL_RGBA8, GL_RGBA, rgbe.data());
-    return t;
+    return Texture::upload(w, h, GL_RGBA8, GL_RGBA, rgbe.data());
 }
 
 double lonOf(int X) { return (X + 0.5) / kOutW * 360.0 - 180.0; }

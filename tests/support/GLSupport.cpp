@@ -6,6 +6,7 @@
 #include <random>
 
 #include "libglutil/Framebuffer.h"
+#include "libglutil/FullScreenPass.h"
 #include "libglutil/Shader.h"
 #include "libglutil/Texture.h"
 #include "support/Support.h"
@@ -34,28 +35,20 @@ void installTestShaders()
     done = true;
 }
 
-std::vector<uint8_t> readRGBA(Texture& target, int w, int h)
-{
-    w = w ? w : target.tileWidth();
-    h = h ? h : target.height();
-    std::vector<uint8_t> out(size_t(w) * size_t(h) * 4);
-    target.readPixels(out.data(), GL_RGBA, w, h);
-    return out;
-}
-
 std::vector<uint8_t> runPass(Shader& program, const Texture* image, int w, int h,
                              const std::function<void()>& setUniforms, GLenum format)
 {
     program.use();
     if (image)
         image->bind(GL_TEXTURE0);
-    Texture target(w, h, format);
-    bindAsRenderTarget(target);
+    const RenderTarget target(w, h, format);
     if (setUniforms)
         setUniforms();
     glClear(GL_COLOR_BUFFER_BIT);
     fullScreenPass(w, h);
-    return readRGBA(target);
+    std::vector<uint8_t> out(size_t(w) * size_t(h) * 4);
+    target.framebuffer.read(out.data(), GL_RGBA, GL_UNSIGNED_BYTE, w, h);
+    return out;
 }
 
 bool coreContext()

@@ -20,9 +20,6 @@ std::vector<uint8_t> patternBytes(size_t count, uint32_t seed);
 // Copies tests/shaders/*.frag to where the program loads its shaders from.
 void installTestShaders();
 
-// Reads `target` (first piece) as RGBA bytes, rows in memory order.
-std::vector<uint8_t> readRGBA(Texture& target, int w = 0, int h = 0);
-
 // Draws `program` over a new w x h target of `format` with `image` (if any)
 // on unit 0, after `setUniforms`, and returns the target's RGBA bytes.
 std::vector<uint8_t> runPass(Shader& program, const Texture* image, int w, int h,
