@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -74,20 +73,6 @@ public:
     PackRowLength& operator=(const PackRowLength&) = delete;
 };
 
-size_t bytesPerComponent(GLenum type)
-{
-    switch (type) {
-    case GL_UNSIGNED_BYTE: return 1;
-    case GL_HALF_FLOAT: return 2;
-    case GL_FLOAT: return 4;
-    default: {
-        char msg[64];
-        std::snprintf(msg, sizeof msg, "unknown GL type: %d", int(type));
-        throw std::runtime_error(msg);
-    }
-    }
-}
-
 }  // namespace
 
 Framebuffer::Framebuffer(const Texture& texture)
@@ -131,14 +116,14 @@ void Framebuffer::bind() const
 
 void Framebuffer::read(void* destination, GLenum pixelFormat, GLenum type, int w, int h, int rowPixels) const
 {
-    const size_t bytesPerPixel = size_t(channelsOf(pixelFormat)) * bytesPerComponent(type);
+    const size_t pixelBytes = bytesPerPixel(pixelFormat, type);
     glPixelStorei(GL_PACK_ALIGNMENT, 1);
     bind();
     glReadBuffer(GL_COLOR_ATTACHMENT0);
     PackRowLength rowLength(rowPixels);
     auto* dst = static_cast<uint8_t*>(destination);
     if (static_cast<long long>(w) * h > kBandedReadThreshold) {
-        const size_t rowBytes = size_t(rowPixels != 0 ? rowPixels : w) * bytesPerPixel;
+        const size_t rowBytes = size_t(rowPixels != 0 ? rowPixels : w) * pixelBytes;
         const int band = int(kReadBandPixels / w);
         for (int y = 0; y < h; y += band)
             glReadPixels(0, y, w, std::min(band, h - y), pixelFormat, type, dst + rowBytes * size_t(y));

@@ -97,18 +97,37 @@ void storePiece(GLenum target, GLuint& name, int w, int h, int layers, bool mip,
 
 }  // namespace
 
+namespace {
+
+[[noreturn]] void throwUnknown(const char* what, GLenum value)
+{
+    char msg[64];
+    std::snprintf(msg, sizeof msg, "unknown GL %s: %d", what, int(value));
+    throw std::runtime_error(msg);
+}
+
+}  // namespace
+
 int channelsOf(GLenum pixelFormat)
 {
     switch (pixelFormat) {
     case GL_RED: return 1;
     case GL_RGB: return 3;
     case GL_RGBA: return 4;
-    default: {
-        char msg[64];
-        std::snprintf(msg, sizeof msg, "unknown GL format: %d", int(pixelFormat));
-        throw std::runtime_error(msg);
+    default: throwUnknown("format", pixelFormat);
     }
-    }
+}
+
+size_t bytesPerPixel(GLenum pixelFormat, GLenum type)
+{
+    const size_t channels = size_t(channelsOf(pixelFormat));
+    if (type == GL_UNSIGNED_BYTE)
+        return channels;
+    if (type == GL_HALF_FLOAT)
+        return 2 * channels;
+    if (type == GL_FLOAT)
+        return 4 * channels;
+    throwUnknown("type", type);
 }
 
 GLenum Texture::target()

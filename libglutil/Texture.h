@@ -8,6 +8,7 @@
 // (libglutil/Framebuffer.h).
 #include <GL/glew.h>
 
+#include <cstddef>
 #include <cstdint>
 
 class Texture {
@@ -90,3 +91,7 @@ private:
 // Channels of a pixel format: GL_RED 1, GL_RGB 3, GL_RGBA 4; else throws
 // std::runtime_error "unknown GL format: %d".
 int channelsOf(GLenum pixelFormat);
+
+// Bytes of a pixel in a format (as above) and type (GL_UNSIGNED_BYTE,
+// GL_HALF_FLOAT, GL_FLOAT); else throws std::runtime_error "unknown GL type: %d".
+size_t bytesPerPixel(GLenum pixelFormat, GLenum type);
