@@ -10,7 +10,8 @@
 
 #include "app/Options.h"
 #include "app/RenderJob.h"
-#include "libglutil/QtContext.h"
+#include "libglutil/ContextSession.h"
+#include "libglutil/GLVersion.h"
 #include "libglutil/Stage.h"
 
 unsigned exrThreadCount(unsigned hardwareThreads)
@@ -48,7 +49,7 @@ int jobEntry(int argc, char** argv)
     if (action == ParseAction::PrintVersionAndGL) {
         std::printf("version: %s\n", kVersionText);
         std::fflush(stdout);
-        GLContextSession session(argc, argv);
+        ContextSession session(argc, argv);
         std::printf("%s", glInfoReport().c_str());
         return 0;
     }
@@ -56,7 +57,7 @@ int jobEntry(int argc, char** argv)
     Imf::setGlobalThreadCount(int(exrThreadCount(std::thread::hardware_concurrency())));
 
     // Lives until the job returns; destroyed before the options.
-    GLContextSession session(argc, argv);
+    ContextSession session(argc, argv);
     finishStage("GL_CONTEXT");
     return runRenderJob(options);
 }

@@ -2,20 +2,7 @@
 
 #include <cstdio>
 
-// The table holds the hashes of these texts.
-static_assert("--output-prefix"_oh == optionHashes::outputPrefix);
-static_assert("--er-width"_oh == optionHashes::erWidth);
-static_assert("--cf-width"_oh == optionHashes::cfWidth);
-static_assert("--er-exr"_oh == optionHashes::erExr);
-static_assert("--er-hdr"_oh == optionHashes::erHdr);
-static_assert("--er-jpg"_oh == optionHashes::erJpg);
-static_assert("--cf-exr"_oh == optionHashes::cfExr);
-static_assert("--cf-jpg"_oh == optionHashes::cfJpg);
-static_assert("--no-auto-level"_oh == optionHashes::noAutoLevel);
-static_assert("--logo"_oh == optionHashes::logo);
-static_assert("--exr-compression"_oh == optionHashes::exrCompression);
-static_assert("-v"_oh == optionHashes::version);
-static_assert("-V"_oh == optionHashes::versionAndGL);
+#include "image/OptionHash.h"
 
 namespace {
 // The value of an option is read without checking that it exists; the entry
@@ -46,36 +33,38 @@ ParseAction parseOptions(int argc, char** argv, JobOptions& options)
     int i = 1;
     while (i < argc) {
         const std::string arg(argv[i]);
-        // An empty argument is unknown; no option hashes to 0.
+        // Only the hash decides: an argument that collides with an option's
+        // text is taken as that option. An empty argument is unknown; no
+        // option hashes to 0.
         switch (arg.empty() ? 0u : optionHash(arg)) {
-        case optionHashes::outputPrefix:
+        case "--output-prefix"_oh:
             options.outputPrefix = std::filesystem::path(valueAfter(argv, i));
             i += 2;
             break;
-        case optionHashes::erWidth:
+        case "--er-width"_oh:
             options.erWidth = std::stoi(valueAfter(argv, i));
             i += 2;
             break;
-        case optionHashes::cfWidth:
+        case "--cf-width"_oh:
             options.cfWidth = std::stoi(valueAfter(argv, i));
             i += 2;
             break;
-        case optionHashes::logo:
+        case "--logo"_oh:
             options.logoPath = std::filesystem::path(valueAfter(argv, i));
             i += 2;
             break;
-        case optionHashes::exrCompression:
+        case "--exr-compression"_oh:
             options.exrCompression = valueAfter(argv, i);
             i += 2;
             break;
-        case optionHashes::erExr: options.writeErExr = true; ++i; break;
-        case optionHashes::erHdr: options.writeErHdr = true; ++i; break;
-        case optionHashes::erJpg: options.writeErJpg = true; ++i; break;
-        case optionHashes::cfExr: options.writeCfExr = true; ++i; break;
-        case optionHashes::cfJpg: options.writeCfJpg = true; ++i; break;
-        case optionHashes::noAutoLevel: options.autoLevel = false; ++i; break;
-        case optionHashes::version: return ParseAction::PrintVersion;
-        case optionHashes::versionAndGL: return ParseAction::PrintVersionAndGL;
+        case "--er-exr"_oh: options.writeErExr = true; ++i; break;
+        case "--er-hdr"_oh: options.writeErHdr = true; ++i; break;
+        case "--er-jpg"_oh: options.writeErJpg = true; ++i; break;
+        case "--cf-exr"_oh: options.writeCfExr = true; ++i; break;
+        case "--cf-jpg"_oh: options.writeCfJpg = true; ++i; break;
+        case "--no-auto-level"_oh: options.autoLevel = false; ++i; break;
+        case "-v"_oh: return ParseAction::PrintVersion;
+        case "-V"_oh: return ParseAction::PrintVersionAndGL;
         default:
             if (i != 1)
                 throw UsageError("unknown option '" + arg + "'");

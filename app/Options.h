@@ -6,8 +6,6 @@
 #include <stdexcept>
 #include <string>
 
-#include "image/OptionHash.h"
-
 constexpr const char* kVersionText = "21.01.5008";
 
 struct JobOptions {
@@ -24,24 +22,6 @@ struct JobOptions {
     bool writeCfExr = false;
     bool writeCfJpg = false;
 };
-
-// Hash values of the option texts. Dispatch compares these values only, so an
-// argument whose hash collides with one of them is taken as that option.
-namespace optionHashes {
-constexpr uint32_t outputPrefix = 0xc19c3b47;
-constexpr uint32_t erWidth = 0x88cbd9;
-constexpr uint32_t cfWidth = 0x7dedcb;
-constexpr uint32_t erExr = 0x194a71d0;
-constexpr uint32_t erHdr = 0x66835f61;
-constexpr uint32_t erJpg = 0x47802182;
-constexpr uint32_t cfExr = 0x193f93c2;
-constexpr uint32_t cfJpg = 0x4786be90;
-constexpr uint32_t noAutoLevel = 0x32f09c1d;
-constexpr uint32_t logo = 0x655cb82e;
-constexpr uint32_t exrCompression = 0xb3e1f509;
-constexpr uint32_t version = 0x59701e;
-constexpr uint32_t versionAndGL = 0x59747e;
-}  // namespace optionHashes
 
 // What the command line asks for once it is parsed.
 enum class ParseAction {

@@ -18,7 +18,7 @@
 
 #include "libglutil/StageTimer.h"
 #include "image/Rgbe.h"
-#include "libglutil/QtContext.h"
+#include "libglutil/ContextSession.h"
 #include "passes/CubeFaces.h"
 #include "passes/Tonemap.h"
 
@@ -55,7 +55,7 @@ int main(int argc, char** argv)
     const std::string dir = argc > 3 ? argv[3] : (std::filesystem::temp_directory_path() / "bench_finish").string();
     std::filesystem::create_directories(dir);
     int qtArgc = 1;
-    GLContextSession session(qtArgc, argv);
+    ContextSession session(qtArgc, argv);
     // As the program does: the OpenEXR worker pool sized to the machine.
     Imf::setGlobalThreadCount(int(std::clamp(std::thread::hardware_concurrency(), 2u, 16u)));
 

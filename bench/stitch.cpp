@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "libglutil/StageTimer.h"
-#include "libglutil/QtContext.h"
+#include "libglutil/ContextSession.h"
 #include "passes/Stitch.h"
 #include "project/PtsImport.h"
 #include "tools/make-capture/SyntheticCapture.h"
@@ -104,7 +104,7 @@ int main(int argc, char** argv)
         int qtArgc = 1;
         char arg0[] = "bench_stitch";
         char* qtArgv[] = {arg0, nullptr};
-        GLContextSession session(qtArgc, qtArgv);
+        ContextSession session(qtArgc, qtArgv);
 
         Project project = importPtsScript(pts.string());
         const StitchLayout layout = stitchLayout(project.images.size());

@@ -22,7 +22,7 @@
 #include "image/Jpeg.h"
 #include "image/Ppm.h"
 #include "image/Radiance.h"
-#include "libglutil/Shader.h"
+#include "libglutil/BesideExecutable.h"
 
 extern char** environ;
 
@@ -186,7 +186,7 @@ private:
 
 std::string toolPath(const std::string& name)
 {
-    const std::string beside = Shader::filePath(name);
+    const std::string beside = besideExecutable(name);
     if (isExecutableFile(beside))
         return beside;
     if (const char* path = std::getenv("PATH")) {

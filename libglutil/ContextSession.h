@@ -1,12 +1,16 @@
 #pragma once
-// The program's GL context for code that itself includes GLEW (benchmarks,
-// tools): the same start-up as GLContextSession (libglutil/QtContext.h), behind
-// a header free of Qt's OpenGL headers, which cannot share a translation unit
-// with GLEW's.
+// The program's GL context for the lifetime of one object. The header names
+// no Qt OpenGL type, so code that includes GLEW (which cannot share a
+// translation unit with Qt's OpenGL headers) can open the context too.
 #include <memory>
 
-class GLContextSession;
+class QApplication;
+class QtContext;
 
+// Brings up the context exactly as the program does: private X server when no
+// display is set, surface format, QApplication, "C" locale, the hidden widget
+// (libglutil/QtContext.h) with its two attributes, show(). Destroys the
+// widget, then the application.
 class ContextSession {
 public:
     ContextSession(int& argc, char** argv);
@@ -15,5 +19,6 @@ public:
     ContextSession& operator=(const ContextSession&) = delete;
 
 private:
-    std::unique_ptr<GLContextSession> session_;
+    std::unique_ptr<QApplication> app_;
+    std::unique_ptr<QtContext> widget_;
 };

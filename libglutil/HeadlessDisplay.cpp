@@ -15,25 +15,15 @@
 #include <stdexcept>
 #include <string>
 
+#include "libglutil/BesideExecutable.h"
+
 namespace {
 pid_t g_serverPid = -1;
-
-std::string executableDir()
-{
-    char buf[4096];
-    const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-    if (n <= 0)
-        return std::string();
-    buf[n] = 0;
-    std::string path(buf);
-    const auto slash = path.rfind('/');
-    return slash == std::string::npos ? std::string() : path.substr(0, slash);
-}
 
 // Xvfb beside the executable first (a bundled server), else from PATH.
 std::string findXvfb()
 {
-    const std::string beside = executableDir() + "/Xvfb";
+    const std::string beside = besideExecutable("Xvfb");
     if (access(beside.c_str(), X_OK) == 0)
         return beside;
     return "Xvfb";

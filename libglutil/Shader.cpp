@@ -1,9 +1,5 @@
 #include "libglutil/Shader.h"
 
-#include <QCoreApplication>
-#include <QDir>
-#include <QString>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "libglutil/BesideExecutable.h"
 #include "libglutil/FullScreenPass.h"
 #include "libglutil/GLError.h"
 #include "libglutil/GLVersion.h"
@@ -100,19 +97,6 @@ const std::string& shaderVersionLine()
         return std::string("#version 120\n");
     }();
     return line;
-}
-
-std::string Shader::filePath(const std::string& fileName)
-{
-    if (!QCoreApplication::instance()) {
-        // No application object (tools, benches): the executable's own directory.
-        std::error_code ec;
-        const auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-        if (!ec)
-            return (exe.parent_path() / fileName).string();
-    }
-    const QString dir = QCoreApplication::applicationDirPath();
-    return QDir(dir).filePath(QString::fromStdString(fileName)).toStdString();
 }
 
 namespace {
@@ -203,7 +187,7 @@ struct ShaderCache {
 ShaderCache& shaderCache()
 {
     // Never destroyed: deleting programs at exit, after the context is gone,
-    // is not safe. GLContextSession empties it while its context is current.
+    // is not safe. ContextSession empties it while its context is current.
     static ShaderCache* cache = new ShaderCache;
     return *cache;
 }
@@ -247,8 +231,8 @@ Shader::Shader(std::string name, std::string defines) : name_(std::move(name)), 
 
 void Shader::build()
 {
-    const std::string vertexPath = filePath(name_ + ".vert");
-    const std::string fragmentPath = filePath(name_ + ".frag");
+    const std::string vertexPath = besideExecutable(name_ + ".vert");
+    const std::string fragmentPath = besideExecutable(name_ + ".frag");
     const bool haveVertexFile = fileSize(vertexPath) > 0;
     GL_CHECK();
     program_ = glCreateProgram();

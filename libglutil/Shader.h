@@ -34,9 +34,6 @@ public:
     void setUniform2i(const char* name, int x, int y) const;  // ivec2
     void setMatrix3(const char* name, const float* columnMajor9) const;
 
-    // The directory of the executable joined with a file name.
-    static std::string filePath(const std::string& fileName);
-
     // What building printed on standard error (shader and link logs); empty
     // for a clean build.
     const std::string& buildLog() const { return buildLog_; }

@@ -165,17 +165,11 @@ Project importPtsScript(const std::string& path)
             }
             project.images.push_back(current);
             break;
-        case kControlPoint: {
-            ControlPoint cp;
-            cp.image1 = std::stoi(m[1]) - 1;
-            cp.image2 = std::stoi(m[2]) - 1;
-            cp.x = std::stof(m[3]);
-            cp.y = std::stof(m[4]);
-            cp.x2 = std::stof(m[5]);
-            cp.y2 = std::stof(m[6]);
-            project.controlPoints.push_back(cp);
+        case kControlPoint:
+            // image1, image2 (counted from 1 in the script), x, y, x2, y2
+            project.controlPoints.push_back({std::stoi(m[1]) - 1, std::stoi(m[2]) - 1, std::stof(m[3]),
+                                             std::stof(m[4]), std::stof(m[5]), std::stof(m[6])});
             break;
-        }
         case kOrientation: {
             ImageEntry orientation;
             orientation.fileName = kOrientationName;

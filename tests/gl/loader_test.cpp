@@ -13,9 +13,9 @@
 
 #include "image/ImageLoader.h"
 #include "image/Jpeg.h"
+#include "libglutil/BesideExecutable.h"
 #include "libglutil/Framebuffer.h"
 #include "libglutil/GLError.h"
-#include "libglutil/Shader.h"
 #include "libglutil/Texture.h"
 #include "support/Support.h"
 
@@ -111,7 +111,7 @@ TEST(LoaderDispatch, JpegRadianceAndUnsupportedTypes)
     // Tools come from beside the executable first, then from PATH.
     EXPECT_EQ(fs::canonical(toolPath("gl_tests")), fs::canonical("/proc/self/exe"));
     EXPECT_EQ(fs::path(toolPath("sh")).filename(), "sh");
-    EXPECT_EQ(toolPath("no-such-tool-here"), Shader::filePath("no-such-tool-here"));
+    EXPECT_EQ(toolPath("no-such-tool-here"), besideExecutable("no-such-tool-here"));
     EXPECT_EQ(glErrorReport(__FILE__, __LINE__), "");
 }
 

@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "libglutil/QtContext.h"
+#include "libglutil/ContextSession.h"
 
 namespace {
 int g_argc = 1;
@@ -13,11 +13,11 @@ char* g_argv[] = {g_arg0, nullptr};
 
 class GLEnvironment : public ::testing::Environment {
 public:
-    void SetUp() override { session_ = std::make_unique<GLContextSession>(g_argc, g_argv); }
+    void SetUp() override { session_ = std::make_unique<ContextSession>(g_argc, g_argv); }
     void TearDown() override { session_.reset(); }
 
 private:
-    std::unique_ptr<GLContextSession> session_;
+    std::unique_ptr<ContextSession> session_;
 };
 }  // namespace
 

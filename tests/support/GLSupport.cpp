@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <random>
 
+#include "libglutil/BesideExecutable.h"
 #include "libglutil/Framebuffer.h"
 #include "libglutil/FullScreenPass.h"
 #include "libglutil/Shader.h"
@@ -29,7 +30,7 @@ void installTestShaders()
     static bool done = false;
     if (done)
         return;
-    const fs::path dir = fs::path(Shader::filePath("stdlib.frag")).parent_path();
+    const fs::path dir = fs::path(besideExecutable("stdlib.frag")).parent_path();
     for (const auto& entry : fs::directory_iterator(sourcePath("shaders")))
         fs::copy_file(entry.path(), dir / entry.path().filename(), fs::copy_options::overwrite_existing);
     done = true;
