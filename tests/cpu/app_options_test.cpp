@@ -9,6 +9,7 @@
 #include "app/JobEntry.h"
 #include "app/Options.h"
 #include "app/RenderPlan.h"
+#include "image/OptionHash.h"
 #include "libglutil/GLError.h"
 
 namespace {
