@@ -31,8 +31,6 @@ public:
     // the framebuffer and leaves GL_PACK_ALIGNMENT at 1.
     void read(void* destination, GLenum pixelFormat, GLenum type, int w, int h, int rowPixels = 0) const;
 
-    GLuint name() const { return name_; }
-
 private:
     void destroy() noexcept;
     GLuint name_ = 0;
