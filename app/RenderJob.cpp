@@ -29,27 +29,6 @@
 
 namespace {
 
-// The panorama of the job: one buffer, seen as RGBE (4 bytes a pixel) or as
-// packed 8-bit RGB (3 bytes a pixel) with rows packed either way.
-struct Panorama {
-    Image buffer;
-    int32_t width = 0;
-    int32_t height = 0;
-
-    ImageView rgbe() const { return view(4); }
-    ImageView rgb() const { return view(3); }
-    ImageView view(int channels) const
-    {
-        ImageView v;
-        v.data = buffer.data;
-        v.pixelStep = channels;
-        v.rowStride = channels * width;
-        v.width = width;
-        v.height = height;
-        return v;
-    }
-};
-
 // Fails at once, with the error the failing step would give, when an option
 // cannot succeed: a cube face width the plan rejects, a panorama or cube face
 // beyond the GPU's texture limit, or a logo that cannot be opened. Without
@@ -71,7 +50,7 @@ void checkFeasible(const RenderPlan& plan)
 }
 
 // Loads the project, completes the plan from it and stitches it.
-Panorama stitchProject(RenderPlan& plan)
+Image stitchProject(RenderPlan& plan)
 {
     Project project =
         plan.input == InputKind::TspProject ? loadTspProject(plan.inputPath) : importPtsScript(plan.inputPath);
@@ -79,12 +58,8 @@ Panorama stitchProject(RenderPlan& plan)
     planProject(plan, project, std::cerr);
     checkFeasible(plan);
 
-    Panorama pano;
-    pano.width = plan.width;
-    pano.height = plan.height;
-    pano.buffer = Image(pano.width, pano.height, plan.hdr ? 4 : 3);
-    stitchEquirect(pano.buffer.data, pano.width, pano.height, plan.inputPath, project, plan.hdr,
-                   plan.options.autoLevel);
+    Image pano(plan.width, plan.height, panoramaChannels(plan.hdr));
+    stitchEquirect(pano.mutableView(), plan.inputPath, project, plan.hdr, plan.options.autoLevel);
     return pano;
 }
 
@@ -103,23 +78,23 @@ void writeRadianceOutput(const ImageView& rgbe, const std::string& path)
 }
 
 // The finishing passes and the writes of a complete plan, in their fixed order.
-void executePlan(const RenderPlan& plan, Panorama& pano)
+// `pano` holds RGBE in an HDR render, else RGB; tone mapping turns RGBE into
+// RGB in the same buffer.
+void executePlan(const RenderPlan& plan, Image& pano)
 {
-    const int bytesPerPixel = plan.hdr ? 4 : 3;
     if (!plan.options.logoPath.empty())
-        drawLogo(pano.width, pano.height, pano.buffer.data, bytesPerPixel * pano.width,
-                 plan.options.logoPath.string(), plan.hdr);
+        drawLogo(pano.mutableView(), plan.options.logoPath.string(), plan.hdr);
     if (plan.upsideDown) {
-        reversePixels(pano.buffer.data, int64_t(pano.width) * pano.height, bytesPerPixel);
+        reversePixels(pano.data(), int64_t(pano.width()) * pano.height(), pano.channels());
         finishStage("upside_down");
     }
     // The thumbnail exists before the EXR outputs that embed it.
     if (plan.writesThumbnail())
-        makeThumbnail(pano.view(bytesPerPixel), plan.hdr, plan.thumbnailPath);
+        makeThumbnail(pano, plan.hdr, plan.thumbnailPath);
 
-    ImageView rgb = pano.rgb();
+    ImageView rgb = pano;
     if (plan.hdr) {
-        const ImageView rgbe = pano.rgbe();
+        const ImageView rgbe = pano;
         if (plan.options.writeErHdr) {
             writeRadianceOutput(rgbe, plan.radiancePath());
             finishStage("save (equirect HDR)");
@@ -133,11 +108,11 @@ void executePlan(const RenderPlan& plan, Panorama& pano)
                               plan.thumbnailPath, plan.projectPath);
         if (!plan.options.writeErJpg && !plan.options.writeCfJpg)
             return;
-        rgb = tonemap(rgbe);
+        rgb = tonemap(pano.mutableView());
     }
 
     if (plan.options.writeErJpg) {
-        writeJpeg(rgb, plan.equirectJpegPath(), {photoSphereXmp(rgb.width, rgb.height)});
+        writeJpeg(rgb, plan.equirectJpegPath(), {photoSphereXmp(rgb.width(), rgb.height())});
         finishStage("save (equirect JPG)");
     }
     if (plan.options.writeCfJpg) {
@@ -151,19 +126,17 @@ void executePlan(const RenderPlan& plan, Panorama& pano)
 int runRenderJob(const JobOptions& options, RenderPlan* planned)
 {
     RenderPlan plan = planInput(options);
-    Panorama pano;
+    Image pano;
     if (plan.isProject()) {
         pano = stitchProject(plan);
     } else {
-        pano.buffer = plan.input == InputKind::RadianceImage ? readRadiance(plan.inputPath) : readExr(plan.inputPath);
-        pano.width = pano.buffer.width;
-        pano.height = pano.buffer.height;
+        pano = plan.input == InputKind::RadianceImage ? readRadiance(plan.inputPath) : readExr(plan.inputPath);
         finishStage("read hdr/exr");
-        planImageInput(plan, pano.width, pano.height, std::cerr);
+        planImageInput(plan, pano.width(), pano.height(), std::cerr);
         if (plan.tonemapOnly) {
             if (planned)
                 *planned = plan;
-            writeJpeg(tonemap(pano.rgbe()), plan.tonemapOnlyPath());
+            writeJpeg(tonemap(pano.mutableView()), plan.tonemapOnlyPath());
             finishStage("save (JPG)");
             return -1;
         }

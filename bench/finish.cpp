@@ -68,10 +68,10 @@ int main(int argc, char** argv)
     const double exrSeconds = seconds() - t;
 
     Image copy(width, width / 2, 4);
-    std::copy(pano.data, pano.data + pano.byteSize(), copy.data);
+    std::copy(pano.data(), pano.data() + pano.byteSize(), copy.data());
     globalTimer().markStage("copy");
     t = seconds();
-    const ImageView rgb = tonemap(copy);
+    const ImageView rgb = tonemap(copy.mutableView());
     const double tonemapSeconds = seconds() - t;
 
     t = seconds();

@@ -72,7 +72,7 @@ Image makePanorama(int32_t w, int32_t h)
 // differs from what was written.
 bool benchRadiance(const Image& pano, const std::string& dir)
 {
-    const double megabytes = 4.0 * pano.width * pano.height / 1e6;
+    const double megabytes = 4.0 * pano.width() * pano.height() / 1e6;
     const std::string path = dir + "/bench_image_formats.hdr";
     double t = now(), c = cpuTime();
     {
@@ -97,16 +97,16 @@ bool benchRadiance(const Image& pano, const std::string& dir)
     std::printf("radiance read:  %.2f s, %.0f MB/s (CPU %.2f s, %.0f MB/s)\n", readTime, megabytes / readTime,
                 readCpu, megabytes / readCpu);
     std::remove(path.c_str());
-    return back.byteSize() == pano.byteSize() && std::memcmp(back.data, pano.data, pano.byteSize()) == 0;
+    return back.byteSize() == pano.byteSize() && std::memcmp(back.data(), pano.data(), pano.byteSize()) == 0;
 }
 
 bool benchExr(const Image& pano, const std::string& dir)
 {
     {
-        std::vector<Imf::Rgba> strip(size_t(256) * size_t(pano.width));
+        std::vector<Imf::Rgba> strip(size_t(256) * size_t(pano.width()));
         const double t = now();
-        for (int32_t y = 0; y < pano.height; y += 256)
-            rgbeToHalf(pano.subView(0, y, pano.width, std::min(256, pano.height - y)), strip.data());
+        for (int32_t y = 0; y < pano.height(); y += 256)
+            rgbeToHalf(pano.view().subView(0, y, pano.width(), std::min(256, pano.height() - y)), strip.data());
         std::printf("rgbe -> half, all strips: %.2f s\n", now() - t);
     }
     const std::string path = dir + "/bench_image_formats.exr";
@@ -118,7 +118,7 @@ bool benchExr(const Image& pano, const std::string& dir)
     const Image back = readExr(path);
     std::printf("exr read (DWAB):  %.2f s\n", now() - t);
     std::remove(path.c_str());
-    return back.width == pano.width && back.height == pano.height;
+    return back.width() == pano.width() && back.height() == pano.height();
 }
 
 }  // namespace

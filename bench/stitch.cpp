@@ -109,7 +109,7 @@ int main(int argc, char** argv)
         Project project = importPtsScript(pts.string());
         const StitchLayout layout = stitchLayout(project.images.size());
         const int w = width - width % (4 * layout.slotCount), h = w / 2;
-        std::vector<uint8_t> pixels(size_t(w) * h * 3, 0);
+        Image pano(w, h, 3);
         double sourceMp = 0;
         for (const ImageEntry& e : project.images)
             sourceMp += double(e.width) * e.height / 1e6;
@@ -120,7 +120,7 @@ int main(int argc, char** argv)
             [&] {
                 globalTimer().markStage("(setup)");  // start the first stage here
                 t0 = seconds();
-                stitchEquirect(pixels.data(), w, h, pts.string(), project, false, false);
+                stitchEquirect(pano.mutableView(), pts.string(), project, false, false);
                 t1 = seconds();
             },
             order);

@@ -47,7 +47,7 @@ std::string lowerExtension(const std::string& path)
 
 Texture rgbTexture(const Image& rgb)
 {
-    return Texture::upload(rgb.width, rgb.height, GL_RGB8, GL_RGB, rgb.data, rgb.stride());
+    return Texture::upload(rgb.width(), rgb.height(), GL_RGB8, GL_RGB, rgb.data(), rgb.view().stride());
 }
 
 Texture loadRadiance(const std::string& path)
@@ -253,7 +253,7 @@ Texture uploadRgbe(const ImageView& rgbe)
 {
     const ExponentStats stats = exponentStats(rgbe);
     printExponentStats(rgbe, stats);
-    Texture texture = Texture::upload(rgbe.width, rgbe.height, GL_RGBA8, GL_RGBA, rgbe.data, rgbe.stride());
+    Texture texture = Texture::upload(rgbe.width(), rgbe.height(), GL_RGBA8, GL_RGBA, rgbe.data(), rgbe.stride());
     texture.setExposureLevels(std::exp2(stats.mean()), std::exp2(double(stats.minE)), std::exp2(double(stats.maxE)));
     return texture;
 }

@@ -2,19 +2,13 @@
 
 #include <sys/mman.h>
 
-#include <cstdio>
 #include <cstring>
 #include <stdexcept>
-#include <string>
+#include <utility>
+
+#include "image/FormatText.h"
 
 namespace {
-template <typename... Args>
-std::string format(const char* fmt, Args... args)
-{
-    char buf[256];
-    std::snprintf(buf, sizeof buf, fmt, args...);
-    return buf;
-}
 // Asks for transparent huge pages on a large buffer before it is first
 // touched. A panorama is hundreds of MB; faulting it in 4 KiB pages costs
 // more than decoding it on a virtual machine, 2 MiB pages cut that 512-fold.
@@ -36,39 +30,50 @@ void adviseHugePages(uint8_t* p, size_t bytes)
 }
 }  // namespace
 
-ImageView ImageView::subView(int32_t x, int32_t y, int32_t w, int32_t h) const
+template <typename T>
+BasicImageView<T> BasicImageView<T>::subView(int32_t x, int32_t y, int32_t w, int32_t h) const
 {
     if (w <= 0)
-        w = (width - x) + w;
+        w = (width_ - x) + w;
     if (h <= 0)
-        h = (height - y) + h;
-    if (int64_t(x) + w > width || int64_t(y) + h > height)
-        throw std::runtime_error(format("Access out of bounds in ImageView::subView: %dx%d@%dx%d not in %dx%d",
-                                        w, h, x, y, width, height));
+        h = (height_ - y) + h;
+    if (x < 0 || y < 0 || int64_t(x) + w > width_ || int64_t(y) + h > height_)
+        throw std::runtime_error(formatText("Access out of bounds in ImageView::subView: %dx%d@%dx%d not in %dx%d",
+                                            w, h, x, y, width_, height_));
     if (w < 1 || h < 1)
-        throw std::runtime_error(format("Access out of bounds in ImageView::subView: empty ROI (%dx%d)", w, h));
-    ImageView v = *this;
-    v.data = pixel(x, y);
-    v.width = w;
-    v.height = h;
-    v.pixelStep = step();
-    v.rowStride = stride();
-    return v;
+        throw std::runtime_error(formatText("Access out of bounds in ImageView::subView: empty ROI (%dx%d)", w, h));
+    return BasicImageView(pixel(x, y), w, h, channels_, stride_);
 }
+
+template class BasicImageView<const uint8_t>;
+template class BasicImageView<uint8_t>;
 
 Image::Image(int32_t w, int32_t h, int32_t channels)
 {
     if (w <= 0 || h <= 0 || channels <= 0)
-        throw std::runtime_error(format("Invalid image size %dx%d", w, h));
+        throw std::runtime_error(formatText("Invalid image size %dx%d", w, h));
     const uint64_t bytes = uint64_t(w) * uint64_t(h) * uint64_t(channels);
     if (bytes > kMaxImageBytes || uint64_t(w) * channels > uint64_t(INT32_MAX))
-        throw std::runtime_error(format("Image size %dx%d is too large", w, h));
-    owned.reset(new uint8_t[bytes]);
-    adviseHugePages(owned.get(), bytes);
-    std::memset(owned.get(), 0, bytes);
-    data = owned.get();
-    pixelStep = channels;
-    rowStride = channels * w;
-    width = w;
-    height = h;
+        throw std::runtime_error(formatText("Image size %dx%d is too large", w, h));
+    pixels_.reset(new uint8_t[bytes]);
+    adviseHugePages(pixels_.get(), bytes);
+    std::memset(pixels_.get(), 0, bytes);
+    width_ = w;
+    height_ = h;
+    channels_ = channels;
+}
+
+Image::Image(Image&& other) noexcept
+    : pixels_(std::move(other.pixels_)), width_(std::exchange(other.width_, 0)),
+      height_(std::exchange(other.height_, 0)), channels_(std::exchange(other.channels_, 0))
+{
+}
+
+Image& Image::operator=(Image&& other) noexcept
+{
+    pixels_ = std::move(other.pixels_);
+    width_ = std::exchange(other.width_, 0);
+    height_ = std::exchange(other.height_, 0);
+    channels_ = std::exchange(other.channels_, 0);
+    return *this;
 }

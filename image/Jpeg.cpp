@@ -120,13 +120,13 @@ std::string frameProblem(const jpeg_decompress_struct& cinfo, uint64_t fileLengt
     return std::string();
 }
 
-bool decodeJpegRows(jpeg_decompress_struct* cinfo, ErrorManager* err, uint8_t* pixels, size_t rowBytes)
+bool decodeJpegRows(jpeg_decompress_struct* cinfo, ErrorManager* err, const MutableImageView* image)
 {
     if (setjmp(err->jump))
         return false;
     jpeg_start_decompress(cinfo);
     while (cinfo->output_scanline < cinfo->output_height) {
-        JSAMPROW row = pixels + size_t(cinfo->output_scanline) * rowBytes;
+        JSAMPROW row = image->row(int32_t(cinfo->output_scanline));
         jpeg_read_scanlines(cinfo, &row, 1);
     }
     jpeg_finish_decompress(cinfo);
@@ -135,7 +135,9 @@ bool decodeJpegRows(jpeg_decompress_struct* cinfo, ErrorManager* err, uint8_t* p
 
 struct RowSource {
     const ImageView* view;
-    uint8_t* scratch;  // one packed row, used when the view's pixel step is not 3
+    // One packed RGB row: libjpeg takes rows through non-const pointers, so
+    // every row goes through this copy instead of being handed over in place.
+    uint8_t* scratch;
     const std::vector<JpegMarker>* markers;
 };
 
@@ -147,8 +149,8 @@ bool encodeJpeg(jpeg_compress_struct* cinfo, ErrorManager* err, FILE* file, cons
     *created = true;
     jpeg_stdio_dest(cinfo, file);
     const ImageView& v = *src->view;
-    cinfo->image_width = JDIMENSION(v.width);
-    cinfo->image_height = JDIMENSION(v.height);
+    cinfo->image_width = JDIMENSION(v.width());
+    cinfo->image_height = JDIMENSION(v.height());
     cinfo->input_components = 3;
     cinfo->in_color_space = JCS_RGB;
     jpeg_set_defaults(cinfo);
@@ -157,14 +159,15 @@ bool encodeJpeg(jpeg_compress_struct* cinfo, ErrorManager* err, FILE* file, cons
     for (const JpegMarker& m : *src->markers)
         jpeg_write_marker(cinfo, m.code, reinterpret_cast<const JOCTET*>(m.payload.data()),
                           unsigned(m.payload.size()));
-    const int32_t step = v.step();
-    for (int32_t y = 0; y < v.height; ++y) {
-        JSAMPROW row = v.row(y);
-        if (src->scratch) {
-            const uint8_t* p = v.row(y);
-            for (int32_t x = 0; x < v.width; ++x, p += step)
-                std::memcpy(src->scratch + 3 * size_t(x), p, 3);
-            row = src->scratch;
+    const int32_t step = v.channels();
+    JSAMPROW row = src->scratch;
+    for (int32_t y = 0; y < v.height(); ++y) {
+        const uint8_t* p = v.row(y);
+        if (step == 3) {
+            std::memcpy(row, p, 3 * size_t(v.width()));
+        } else {
+            for (int32_t x = 0; x < v.width(); ++x, p += step)
+                std::memcpy(row + 3 * size_t(x), p, 3);
         }
         jpeg_write_scanlines(cinfo, &row, 1);
     }
@@ -194,18 +197,18 @@ FILE* openFileNamed(const std::string& path, const char* mode, const std::string
 
 void writeJpegTo(FILE* file, const ImageView& rgb, const std::string& path, const std::vector<JpegMarker>& markers)
 {
-    if (rgb.width <= 0 || rgb.height <= 0 || rgb.width > JPEG_MAX_DIMENSION || rgb.height > JPEG_MAX_DIMENSION)
+    if (rgb.width() <= 0 || rgb.height() <= 0 || rgb.width() > JPEG_MAX_DIMENSION || rgb.height() > JPEG_MAX_DIMENSION)
         throw std::runtime_error(formatText("Error writing JPEG file '%s': unsupported image size %dx%d",
-                                            path.c_str(), rgb.width, rgb.height));
-    if (rgb.step() < 3)
+                                            path.c_str(), rgb.width(), rgb.height()));
+    if (rgb.channels() < 3)
         throw std::runtime_error(formatText("Error writing JPEG file '%s': pixels are not RGB", path.c_str()));
-    std::vector<uint8_t> scratch(rgb.step() == 3 ? 0 : size_t(rgb.width) * 3);
+    std::vector<uint8_t> scratch(size_t(rgb.width()) * 3);
     for (const JpegMarker& m : markers)
         if (m.payload.size() > 65533)
             throw std::runtime_error(formatText("Error writing JPEG file '%s': a metadata segment of %zu bytes "
                                                 "does not fit in one marker",
                                                 path.c_str(), m.payload.size()));
-    RowSource src{&rgb, scratch.empty() ? nullptr : scratch.data(), &markers};
+    RowSource src{&rgb, scratch.data(), &markers};
 
     jpeg_compress_struct cinfo;
     ErrorManager err;
@@ -262,7 +265,8 @@ Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int max
         throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), problem.c_str()));
     // Image checks width x height x 3 against the allocation limit itself.
     Image image(int32_t(cinfo.output_width), int32_t(cinfo.output_height), 3);
-    if (!decodeJpegRows(&cinfo, &err, image.data, size_t(image.stride())))
+    const MutableImageView pixels = image.mutableView();
+    if (!decodeJpegRows(&cinfo, &err, &pixels))
         throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), err.message));
     return image;
 }

@@ -421,11 +421,11 @@ Imf::Header buildExrHeader(int width, int height, Imf::Envmap envmap, const std:
 
 void rgbeToHalf(const ImageView& rgbe, Imf::Rgba* out)
 {
-    const int64_t width = rgbe.width;
-    const int64_t pixels = width * rgbe.height;
+    const int64_t width = rgbe.width();
+    const int64_t pixels = width * rgbe.height();
     const int64_t chunk = conversionChunk(pixels);
-    const bool packed = rgbe.step() == 4 && rgbe.stride() == 4 * rgbe.width;
-    const uint8_t* data = rgbe.data;
+    const bool packed = rgbe.channels() == 4 && rgbe.packed();
+    const uint8_t* data = rgbe.data();
     const uint16_t* table = rgbeToHalfTable();
     const uint16_t one = half(1.0f).bits();
 #pragma omp parallel for schedule(static, chunk) if (pixels > 256)
@@ -439,13 +439,13 @@ void rgbeToHalf(const ImageView& rgbe, Imf::Rgba* out)
     }
 }
 
-void halfToRgbe(const Imf::Rgba* in, const ImageView& rgbe)
+void halfToRgbe(const Imf::Rgba* in, const MutableImageView& rgbe)
 {
-    const int64_t width = rgbe.width;
-    const int64_t pixels = width * rgbe.height;
+    const int64_t width = rgbe.width();
+    const int64_t pixels = width * rgbe.height();
     const int64_t chunk = conversionChunk(pixels);
-    const bool packed = rgbe.step() == 4 && rgbe.stride() == 4 * rgbe.width;
-    uint8_t* data = rgbe.data;
+    const bool packed = rgbe.channels() == 4 && rgbe.packed();
+    uint8_t* data = rgbe.data();
 #pragma omp parallel for schedule(static, chunk) if (pixels > 256)
     for (int64_t i = 0; i < pixels; ++i) {
         uint8_t* p = packed ? data + 4 * i : rgbe.pixel(int32_t(i % width), int32_t(i / width));
@@ -457,7 +457,7 @@ void writeEquirectExr(const ImageView& rgbe, const std::string& path, const std:
                       const std::string& previewPath, const std::string& projectPath)
 {
     const Imf::Header header =
-        buildExrHeader(rgbe.width, rgbe.height, Imf::ENVMAP_LATLONG, compression, previewPath, projectPath);
+        buildExrHeader(rgbe.width(), rgbe.height(), Imf::ENVMAP_LATLONG, compression, previewPath, projectPath);
     AtomicOutputFile file(path);
     std::ofstream os(file.tempPath(), std::ios::binary);
     if (!os)
@@ -466,11 +466,11 @@ void writeEquirectExr(const ImageView& rgbe, const std::string& path, const std:
         // Library messages name the final path, not the temporary one.
         Imf::StdOFStream exrStream(os, path.c_str());
         Imf::RgbaOutputFile out(exrStream, header, Imf::WRITE_RGB, Imf::globalThreadCount());
-        const int64_t width = rgbe.width;
-        std::vector<Imf::Rgba> strip(size_t(std::min(kStripRows, rgbe.height)) * size_t(width));
-        for (int32_t y = 0; y < rgbe.height; y += kStripRows) {
-            const int32_t rows = std::min(kStripRows, rgbe.height - y);
-            rgbeToHalf(rgbe.subView(0, y, rgbe.width, rows), strip.data());
+        const int64_t width = rgbe.width();
+        std::vector<Imf::Rgba> strip(size_t(std::min(kStripRows, rgbe.height())) * size_t(width));
+        for (int32_t y = 0; y < rgbe.height(); y += kStripRows) {
+            const int32_t rows = std::min(kStripRows, rgbe.height() - y);
+            rgbeToHalf(rgbe.subView(0, y, rgbe.width(), rows), strip.data());
             out.setFrameBuffer(stripBase(strip.data(), 0, y, width), 1, size_t(width));
             out.writePixels(rows);
         }
@@ -523,12 +523,12 @@ Image readRgba(Imf::RgbaInputFile& in, const std::string& path)
     Image image(int32_t(width), int32_t(height), 4);
     const int32_t stripRows = int32_t(std::min<int64_t>(kStripRows, height));
     std::vector<Imf::Rgba> strip(size_t(stripRows) * size_t(width));
-    for (int32_t y = 0; y < image.height; y += stripRows) {
-        const int32_t rows = std::min(stripRows, image.height - y);
+    for (int32_t y = 0; y < image.height(); y += stripRows) {
+        const int32_t rows = std::min(stripRows, image.height() - y);
         const int64_t firstRow = int64_t(window.min.y) + y;
         in.setFrameBuffer(stripBase(strip.data(), window.min.x, firstRow, width), 1, size_t(width));
         in.readPixels(int(firstRow), int(firstRow + rows - 1));
-        halfToRgbe(strip.data(), image.subView(0, y, image.width, rows));
+        halfToRgbe(strip.data(), image.mutableView().subView(0, y, image.width(), rows));
     }
     return image;
 }

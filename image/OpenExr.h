@@ -65,4 +65,4 @@ Image readExr(const std::string& path);
 // Strip conversions (OpenMP). rgbeToHalf writes width * height packed pixels
 // (alpha set to 1); halfToRgbe reads width * height packed pixels into the view.
 void rgbeToHalf(const ImageView& rgbe, Imf::Rgba* out);
-void halfToRgbe(const Imf::Rgba* in, const ImageView& rgbe);
+void halfToRgbe(const Imf::Rgba* in, const MutableImageView& rgbe);

@@ -42,6 +42,6 @@ Image readPpm(FILE* in, const std::function<void(int width, int height)>& checkS
         throw std::runtime_error("Failed to read PNM file data: " + std::to_string(got) + " != " +
                                  std::to_string(expected) + " -> " + std::to_string(std::feof(in) ? 1 : 0));
     Image rgb(width, height, 3);
-    std::memcpy(rgb.data, data.data(), expected);
+    std::memcpy(rgb.data(), data.data(), expected);
     return rgb;
 }

@@ -167,15 +167,15 @@ void interleavePlanes(const uint8_t* planes, int32_t width, uint8_t* row)
     }
 }
 
-void readRunLengthPixels(std::istream& in, Image& image, const std::string& path)
+void readRunLengthPixels(std::istream& in, const MutableImageView& image, const std::string& path)
 {
-    const int32_t width = image.width;
+    const int32_t width = image.width();
     std::unique_ptr<uint8_t[]> buffer(new uint8_t[kReadBufferSize]());
     uint8_t* const buf = buffer.get();
     const size_t margin = size_t(width) * 4 + kRefillSlack;
     std::vector<uint8_t> planes(4 * size_t(width));
     size_t pos = 0, end = 0;
-    for (int32_t y = 0; y < image.height; ++y) {
+    for (int32_t y = 0; y < image.height(); ++y) {
         if (end - pos < margin) {
             std::memmove(buf, buf + pos, end - pos);
             end -= pos;
@@ -262,15 +262,15 @@ uint8_t* encodePlane(const uint8_t* d, int32_t w, uint8_t* out)
 
 void writeRunLengthPixels(std::ostream& out, const ImageView& rgbe)
 {
-    const int32_t w = rgbe.width;
-    const int32_t step = rgbe.step();
+    const int32_t w = rgbe.width();
+    const int32_t step = rgbe.channels();
     // 16 rows between writes. A plane never encodes to more than
     // w + w / 128 + 3 bytes, so (5w + 4) bytes a row is ample for w >= 8.
     const size_t rowBound = 4 + 4 * (size_t(w) + size_t(w) / 128 + 3);
     std::vector<uint8_t> buffer(std::max<size_t>((5 * size_t(w) + 4), rowBound) * 16);
     std::vector<uint8_t> planes(4 * size_t(w));
     uint8_t* o = buffer.data();
-    for (int32_t y = 0; y < rgbe.height && out; ++y) {
+    for (int32_t y = 0; y < rgbe.height() && out; ++y) {
         const uint8_t* p = rgbe.row(y);
         uint8_t* r = planes.data();
         uint8_t* g = r + w;
@@ -288,7 +288,7 @@ void writeRunLengthPixels(std::ostream& out, const ImageView& rgbe)
         *o++ = uint8_t(w & 0xFF);
         for (int c = 0; c < 4; ++c)
             o = encodePlane(planes.data() + size_t(c) * w, w, o);
-        if ((y & 15) == 15 || y == rgbe.height - 1) {
+        if ((y & 15) == 15 || y == rgbe.height() - 1) {
             out.write(reinterpret_cast<const char*>(buffer.data()), std::streamsize(o - buffer.data()));
             o = buffer.data();
         }
@@ -297,15 +297,15 @@ void writeRunLengthPixels(std::ostream& out, const ImageView& rgbe)
 
 void writeFlatPixels(std::ostream& out, const ImageView& rgbe)
 {
-    const size_t rowBytes = size_t(rgbe.width) * 4;
-    if (rgbe.step() == 4 && size_t(rgbe.stride()) == rowBytes) {
-        out.write(reinterpret_cast<const char*>(rgbe.data), std::streamsize(rowBytes * size_t(rgbe.height)));
+    const size_t rowBytes = size_t(rgbe.width()) * 4;
+    if (rgbe.channels() == 4 && rgbe.packed()) {
+        out.write(reinterpret_cast<const char*>(rgbe.data()), std::streamsize(rowBytes * size_t(rgbe.height())));
         return;
     }
     std::vector<uint8_t> row(rowBytes);
-    for (int32_t y = 0; y < rgbe.height && out; ++y) {
+    for (int32_t y = 0; y < rgbe.height() && out; ++y) {
         const uint8_t* p = rgbe.row(y);
-        for (int32_t x = 0; x < rgbe.width; ++x, p += rgbe.step())
+        for (int32_t x = 0; x < rgbe.width(); ++x, p += rgbe.channels())
             std::memcpy(&row[4 * size_t(x)], p, 4);
         out.write(reinterpret_cast<const char*>(row.data()), std::streamsize(rowBytes));
     }
@@ -370,11 +370,11 @@ Image readRadiance(const std::string& path)
 
     Image image(int32_t(width), int32_t(height), 4);
     if (flat) {
-        in.read(reinterpret_cast<char*>(image.data), std::streamsize(flatBytes));
+        in.read(reinterpret_cast<char*>(image.data()), std::streamsize(flatBytes));
         if (!in)
             throw std::runtime_error(formatText("Failed to read file '%s'", path.c_str()));
     } else {
-        readRunLengthPixels(in, image, path);
+        readRunLengthPixels(in, image.mutableView(), path);
     }
     return image;
 }
@@ -384,9 +384,9 @@ void writeRadiance(std::ostream& out, const ImageView& rgbe)
     out << "#?RADIANCE" << std::endl
         << "FORMAT=32-bit_rle_rgbe" << std::endl
         << std::endl
-        << "-Y " << rgbe.height << " +X " << rgbe.width << std::endl;
+        << "-Y " << rgbe.height() << " +X " << rgbe.width() << std::endl;
     printExponentStats(rgbe, exponentStats(rgbe));
-    if (rgbe.width >= 8 && rgbe.width <= 65535)
+    if (rgbe.width() >= 8 && rgbe.width() <= 65535)
         writeRunLengthPixels(out, rgbe);
     else
         writeFlatPixels(out, rgbe);

@@ -210,7 +210,7 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& p
 
 void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames& names)
 {
-    const Texture input = Texture::upload(rgb.width, rgb.height, GL_RGB8, GL_RGB, rgb.data, rgb.stride());
+    const Texture input = Texture::upload(rgb.width(), rgb.height(), GL_RGB8, GL_RGB, rgb.data(), rgb.stride());
 
     if (names.pyramid() && !std::filesystem::exists(names.folder()))
         std::filesystem::create_directories(names.folder());
@@ -219,15 +219,15 @@ void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames&
     const int top = pyramidLevelCount(faceSize) - 1;
     renderFaces(input, faceSize, [&](int face, const Framebuffer& target) {
         Image image(faceSize, faceSize, 3);
-        target.read(image.data, GL_RGB, GL_UNSIGNED_BYTE, faceSize, faceSize);
+        target.read(image.data(), GL_RGB, GL_UNSIGNED_BYTE, faceSize, faceSize);
         finishStage("gpu -> cpu (render)");
         if (names.pyramid()) {
-            ImageView level = image;
+            MutableImageView level = image.mutableView();
             for (int l = top; l >= 0; --l) {
                 if (l < top)
                     level = halveBox(level);
-                for (int r = 0; r < level.height / tile; ++r)
-                    for (int c = 0; c < level.width / tile; ++c)
+                for (int r = 0; r < level.height() / tile; ++r)
+                    for (int c = 0; c < level.width() / tile; ++c)
                         writeJpeg(level.subView(c * tile, r * tile, tile, tile), names.tile(l, face, r, c));
             }
         } else {

@@ -9,8 +9,9 @@
 #include "libglutil/Stage.h"
 #include "libglutil/Texture.h"
 
-void drawLogo(int width, int height, uint8_t* pixels, int rowStrideBytes, const std::string& logoPath, bool hdr)
+void drawLogo(const MutableImageView& panorama, const std::string& logoPath, bool hdr)
 {
+    const int width = panorama.width(), height = panorama.height();
     const float fov = logoFov();
     const int n = logoTileCount(width);
     const int tileWidth = width / n;
@@ -26,9 +27,7 @@ void drawLogo(int width, int height, uint8_t* pixels, int rowStrideBytes, const 
     program.setUniform("inSize", float(logo.width()), float(logo.height()));
     program.setUniform("outSize", float(target.width()), float(target.height()));
 
-    const int bytesPerPixel = hdr ? 4 : 3;
     const GLenum format = hdr ? GL_RGBA : GL_RGB;
-    uint8_t* bandStart = pixels + int64_t(height - bandHeight) * rowStrideBytes;
     for (int i = 0; i < n; ++i) {
         const std::array<float, 9> cameraMat = logoCameraMatrix(i, n);
         program.setMatrix3("cameraMat", cameraMat.data());
@@ -37,8 +36,8 @@ void drawLogo(int width, int height, uint8_t* pixels, int rowStrideBytes, const 
         glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
         fullScreenPass(target.width(), target.height());
 
-        target.framebuffer.read(bandStart + int64_t(i) * tileWidth * bytesPerPixel, format, GL_UNSIGNED_BYTE,
-                                target.width(), target.height(), rowStrideBytes / bytesPerPixel);
+        target.framebuffer.read(panorama.pixel(i * tileWidth, height - bandHeight), format, GL_UNSIGNED_BYTE,
+                                target.width(), target.height(), panorama.stride() / panorama.channels());
     }
     finishStage("render logo");
 }

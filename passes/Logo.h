@@ -14,10 +14,11 @@
 #include <cstdint>
 #include <string>
 
-// Draws into the panorama of width x height (RGBE with hdr, else packed RGB);
-// rowStrideBytes is the distance between rows. Needs the GL context.
-void drawLogo(int width, int height, uint8_t* pixels, int rowStrideBytes, const std::string& logoPath,
-              bool hdr);
+#include "image/ImageView.h"
+
+// Draws into the panorama (RGBE with hdr, else RGB; rows a whole number of
+// pixels apart). Needs the GL context.
+void drawLogo(const MutableImageView& panorama, const std::string& logoPath, bool hdr);
 
 // ---- Geometry of the pass (no GL) ----
 

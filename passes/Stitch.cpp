@@ -67,9 +67,9 @@ public:
 
 class EquirectStitcher {
 public:
-    EquirectStitcher(uint8_t* pixels, int outWidth, int outHeight, const std::string& projectPath,
-                     Project& project, bool hdr, bool useOrientation, const StitchTuning& tuning)
-        : pixels_(pixels), outWidth_(outWidth), outHeight_(outHeight), projectPath_(projectPath),
+    EquirectStitcher(const MutableImageView& panorama, const std::string& projectPath, Project& project, bool hdr,
+                     bool useOrientation, const StitchTuning& tuning)
+        : panorama_(panorama), outWidth_(panorama.width()), outHeight_(panorama.height()), projectPath_(projectPath),
           images_(project.images), hdr_(hdr), useOrientation_(useOrientation), tuning_(tuning),
           layout_(stitchLayout(project.images.size())), reductions_(project.images.size(), 1)
     {
@@ -97,7 +97,7 @@ private:
     void readBackStrip(int strip);
     void turnToHeading();
 
-    uint8_t* pixels_;
+    MutableImageView panorama_;
     int outWidth_, outHeight_;
     std::string projectPath_;
     std::vector<ImageEntry>& images_;
@@ -119,9 +119,10 @@ private:
     const Shader* pack_ = nullptr;
 };
 
-void checkSizes(const StitchLayout& layout, const std::vector<ImageEntry>& images, int outWidth,
-                int outHeight)
+void checkSizes(const StitchLayout& layout, const std::vector<ImageEntry>& images, const MutableImageView& panorama,
+                bool hdr)
 {
+    const int outWidth = panorama.width(), outHeight = panorama.height();
     // Entry 0 and every ring image must be there; the orientation entry may follow.
     const size_t needed = layout.fisheye ? 1 + layout.slotCount : 1 + 2 * layout.slotCount;
     if (images.size() < needed) {
@@ -138,11 +139,14 @@ void checkSizes(const StitchLayout& layout, const std::vector<ImageEntry>& image
                       layout.slotCount);
         throw std::invalid_argument(message);
     }
+    // Strips are read back with a row length counted in pixels.
+    if (panorama.channels() != panoramaChannels(hdr) || panorama.stride() % panorama.channels() != 0)
+        throw std::invalid_argument("the panorama's pixels do not match the render mode");
 }
 
 void EquirectStitcher::run()
 {
-    checkSizes(layout_, images_, outWidth_, outHeight_);
+    checkSizes(layout_, images_, panorama_, hdr_);
     const int slots = layout_.slotCount;
     stripWidth_ = outWidth_ / slots;
 
@@ -212,7 +216,7 @@ void EquirectStitcher::run()
     }
 
     if (hdr_) {
-        normalizeExposure(pixels_, size_t(outWidth_) * size_t(outHeight_));
+        normalizeExposure(panorama_);
         finishStage("normalize");
     }
     turnToHeading();
@@ -351,8 +355,8 @@ void EquirectStitcher::boundedPass(const ImageEntry& entry, const Texture& sourc
 
 void EquirectStitcher::readBackStrip(int strip)
 {
-    const int bytesPerPixel = hdr_ ? 4 : 3;
-    uint8_t* destination = pixels_ + size_t(strip - 1) * size_t(stripWidth_) * bytesPerPixel;
+    uint8_t* destination = panorama_.pixel((strip - 1) * stripWidth_, 0);
+    const int rowLength = panorama_.stride() / panorama_.channels();
 
     if (hdr_) {
         const RenderTarget rgbeStrip(stripWidth_, outHeight_, GL_RGBA8);
@@ -362,7 +366,7 @@ void EquirectStitcher::readBackStrip(int strip)
         glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
         fullScreenPass(stripWidth_, outHeight_);
         finishStage("render (rgb2rgbe)");
-        rgbeStrip.framebuffer.read(destination, GL_RGBA, GL_UNSIGNED_BYTE, stripWidth_, outHeight_, outWidth_);
+        rgbeStrip.framebuffer.read(destination, GL_RGBA, GL_UNSIGNED_BYTE, stripWidth_, outHeight_, rowLength);
         finishStage("gpu -> cpu (render)");
         return;
     }
@@ -378,22 +382,21 @@ void EquirectStitcher::readBackStrip(int strip)
         pack_->setUniform("firstRow", row);
         byteBand_.framebuffer.bind();
         fullScreenPass(stripWidth_, rows);
-        byteBand_.framebuffer.read(destination + size_t(row) * size_t(outWidth_) * 3, GL_RGB, GL_UNSIGNED_BYTE,
-                                   stripWidth_, rows, outWidth_);
+        byteBand_.framebuffer.read(destination + size_t(row) * size_t(panorama_.stride()), GL_RGB, GL_UNSIGNED_BYTE,
+                                   stripWidth_, rows, rowLength);
     }
     finishStage("gpu -> cpu (render)");
 }
 
 void EquirectStitcher::turnToHeading()
 {
-    const int bytesPerPixel = hdr_ ? 4 : 3;
-    const size_t rowBytes = size_t(outWidth_) * bytesPerPixel;
-    const size_t shift = headingShiftBytes(layout_, heading_, outWidth_, bytesPerPixel);
+    const size_t rowBytes = size_t(outWidth_) * size_t(panorama_.channels());
+    const size_t shift = headingShiftBytes(layout_, heading_, outWidth_, panorama_.channels());
     if (shift == 0)
         return;
 #pragma omp parallel for schedule(static)
     for (int y = 0; y < outHeight_; ++y) {
-        uint8_t* row = pixels_ + size_t(y) * rowBytes;
+        uint8_t* row = panorama_.row(y);
         std::rotate(row, row + shift, row + rowBytes);
     }
 }
@@ -407,18 +410,19 @@ StitchLayout stitchLayout(size_t entryCount)
     return {6, 60.0f, false};
 }
 
-bool normalizeExposure(uint8_t* rgbe, size_t pixelCount)
+bool normalizeExposure(const MutableImageView& rgbe)
 {
     double sum = 0;
     int64_t count = 0;
-    const int64_t n = int64_t(pixelCount);
+    const int32_t width = rgbe.width(), height = rgbe.height(), step = rgbe.channels();
 #pragma omp parallel for reduction(+ : sum, count) schedule(static)
-    for (int64_t i = 0; i < n; ++i) {
-        const int e = rgbe[4 * i + 3];
-        if (e != 0) {
-            sum += e - 128;
-            ++count;
-        }
+    for (int32_t y = 0; y < height; ++y) {
+        const uint8_t* p = rgbe.row(y) + 3;
+        for (int32_t x = 0; x < width; ++x, p += step)
+            if (*p != 0) {
+                sum += *p - 128;
+                ++count;
+            }
     }
     // A black panorama has no mean exponent; there is nothing to scale.
     if (count == 0)
@@ -427,10 +431,11 @@ bool normalizeExposure(uint8_t* rgbe, size_t pixelCount)
     std::cerr << "mean e: " << mean << "\n";
     const uint8_t delta = uint8_t(-2 - mean);
 #pragma omp parallel for schedule(static)
-    for (int64_t i = 0; i < n; ++i) {
-        uint8_t& e = rgbe[4 * i + 3];
-        if (e != 0)
-            e = uint8_t(e + delta);
+    for (int32_t y = 0; y < height; ++y) {
+        uint8_t* p = rgbe.row(y) + 3;
+        for (int32_t x = 0; x < width; ++x, p += step)
+            if (*p != 0)
+                *p = uint8_t(*p + delta);
     }
     return true;
 }
@@ -454,9 +459,9 @@ size_t headingShiftBytes(const StitchLayout& layout, float heading, int outWidth
     return size_t(shift);
 }
 
-void stitchEquirect(uint8_t* pixels, int outWidth, int outHeight, const std::string& projectPath,
-                    Project& project, bool hdr, bool useOrientation, const StitchTuning& tuning)
+void stitchEquirect(const MutableImageView& panorama, const std::string& projectPath, Project& project, bool hdr,
+                    bool useOrientation, const StitchTuning& tuning)
 {
     ReuseFreedMemory reuse;
-    EquirectStitcher(pixels, outWidth, outHeight, projectPath, project, hdr, useOrientation, tuning).run();
+    EquirectStitcher(panorama, projectPath, project, hdr, useOrientation, tuning).run();
 }

@@ -4,12 +4,13 @@
 #include <cstdint>
 #include <string>
 
+#include "image/ImageView.h"
 #include "project/Project.h"
 
-// Renders the project's source images into `pixels`, an outWidth x outHeight
-// buffer (rows top first, zero-filled by the caller) of 8-bit RGB (3 bytes a
-// pixel) or, with `hdr`, Radiance RGBE (4 bytes a pixel). The panorama is drawn
-// in vertical strips, one per capture slot; outWidth must be a multiple of the
+// Renders the project's source images into `panorama` (zero-filled by the
+// caller, panoramaChannels(hdr) channels: 8-bit RGB, or with `hdr` Radiance
+// RGBE; rows a whole number of pixels apart). The panorama is drawn in
+// vertical strips, one per capture slot; its width must be a multiple of the
 // slot count. Source files are found relative to the directory of
 // `projectPath`. The entries' yaw values are made relative to entry 1 in place.
 // With `useOrientation`, a trailing orientation entry turns the panorama to its
@@ -23,8 +24,8 @@ struct StitchTuning {
     // decoded at 1/2, 1/4 or 1/8 of its size (see readJpeg).
     bool reduceSources = true;
 };
-void stitchEquirect(uint8_t* pixels, int outWidth, int outHeight, const std::string& projectPath,
-                    Project& project, bool hdr, bool useOrientation, const StitchTuning& tuning = {});
+void stitchEquirect(const MutableImageView& panorama, const std::string& projectPath, Project& project, bool hdr,
+                    bool useOrientation, const StitchTuning& tuning = {});
 
 // The capture layout, decided by the number of project entries (the
 // orientation entry counts): up to 7 entries are one ring of fisheye images
@@ -37,10 +38,10 @@ struct StitchLayout {
 };
 StitchLayout stitchLayout(size_t entryCount);
 
-// Adds delta (mod 256) to every non-zero exponent byte of an RGBE buffer so
+// Adds delta (mod 256) to every non-zero exponent byte of an RGBE image so
 // that the truncated mean exponent becomes -2; returns false and changes
 // nothing when every pixel is black. Prints "mean e: <mean>" on standard error.
-bool normalizeExposure(uint8_t* rgbe, size_t pixelCount);
+bool normalizeExposure(const MutableImageView& rgbe);
 
 // Bytes by which every row is turned left so that the given heading (degrees)
 // lies at the centre column: always in [0, rowBytes).

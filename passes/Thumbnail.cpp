@@ -2,7 +2,6 @@
 #include "passes/Thumbnail.h"
 
 #include <cstring>
-#include <memory>
 
 #include "image/Jpeg.h"
 #include "libglutil/Stage.h"
@@ -13,32 +12,28 @@ constexpr int kSampleWidth = 2000;
 constexpr int kSampleHeight = 1000;
 }  // namespace
 
-void sampleNearest(const ImageView& panorama, int outWidth, int outHeight, uint8_t* out)
+void sampleNearest(const ImageView& panorama, const MutableImageView& out)
 {
-    const int bytes = panorama.step();
-    const int64_t w = panorama.width;
-    for (int y = 0; y < outHeight; ++y) {
+    const int bytes = panorama.channels();
+    const int64_t w = panorama.width();
+    const int outWidth = out.width();
+    for (int y = 0; y < out.height(); ++y) {
         const uint8_t* src = panorama.row(int32_t(y * w / outWidth));
-        uint8_t* dst = out + int64_t(y) * outWidth * bytes;
+        uint8_t* dst = out.row(y);
         for (int x = 0; x < outWidth; ++x)
             std::memcpy(dst + x * bytes, src + (x * w / outWidth) * bytes, bytes);
     }
 }
 
-ImageView halveBox(const ImageView& rgb)
+MutableImageView halveBox(const MutableImageView& rgb)
 {
-    ImageView half;
-    half.data = rgb.data;
-    half.pixelStep = 3;
-    half.width = rgb.width / 2;
-    half.height = rgb.height / 2;
-    half.rowStride = 3 * half.width;
-    const int step = rgb.step();
-    for (int y = 0; y < half.height; ++y) {
+    const MutableImageView half(rgb.data(), rgb.width() / 2, rgb.height() / 2, 3);
+    const int step = rgb.channels();
+    for (int y = 0; y < half.height(); ++y) {
         const uint8_t* top = rgb.row(2 * y);
         const uint8_t* bottom = rgb.row(2 * y + 1);
         uint8_t* out = half.row(y);
-        for (int x = 0; x < half.width; ++x) {
+        for (int x = 0; x < half.width(); ++x) {
             const uint8_t* a = top + 2 * x * step;
             const uint8_t* c = bottom + 2 * x * step;
             for (int k = 0; k < 3; ++k)
@@ -50,18 +45,9 @@ ImageView halveBox(const ImageView& rgb)
 
 void makeThumbnail(const ImageView& panorama, bool hdr, const std::string& thumbnailPath)
 {
-    const int bytes = hdr ? 4 : 3;
-    // RGBE as 32-bit words in HDR mode; either way zero-filled.
-    std::unique_ptr<uint32_t[]> block(new uint32_t[(size_t(kSampleWidth) * kSampleHeight * bytes + 3) / 4]());
-    uint8_t* pixels = reinterpret_cast<uint8_t*>(block.get());
-    sampleNearest(panorama, kSampleWidth, kSampleHeight, pixels);
-
-    ImageView sample;
-    sample.data = pixels;
-    sample.pixelStep = bytes;
-    sample.rowStride = bytes * kSampleWidth;
-    sample.width = kSampleWidth;
-    sample.height = kSampleHeight;
+    Image buffer(kSampleWidth, kSampleHeight, panorama.channels());
+    MutableImageView sample = buffer.mutableView();
+    sampleNearest(panorama, sample);
     {
         // Timing is back on afterwards even when tone mapping throws.
         struct TimingOn {
@@ -74,6 +60,6 @@ void makeThumbnail(const ImageView& panorama, bool hdr, const std::string& thumb
     }
 
     const ImageView thumbnail = halveBox(sample);
-    writeJpeg(thumbnail, thumbnailPath, {photoSphereXmp(thumbnail.width, thumbnail.height)});
+    writeJpeg(thumbnail, thumbnailPath, {photoSphereXmp(thumbnail.width(), thumbnail.height())});
     finishStage("thumbnail");
 }

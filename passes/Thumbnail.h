@@ -10,14 +10,15 @@
 // halves it with halveBox and writes it as JPEG to thumbnailPath.
 void makeThumbnail(const ImageView& panorama, bool hdr, const std::string& thumbnailPath);
 
-// Nearest-neighbour sample of the panorama into a packed outWidth x outHeight
-// image of the panorama's bytes per pixel: pixel (x, y) comes from column
-// x * W / outWidth and row y * W / outWidth (integer division; the row rule
-// uses W, which for H = W / 2 is the row in proportion).
-void sampleNearest(const ImageView& panorama, int outWidth, int outHeight, uint8_t* out);
+// Nearest-neighbour sample of the panorama into `out` (as many channels as
+// the panorama): pixel (x, y) comes from column x * W / out.width() and row
+// y * W / out.width() (integer division; the row rule uses W, which for
+// H = W / 2 is the row in proportion).
+void sampleNearest(const ImageView& panorama, const MutableImageView& out);
 
-// Halves a 3-channel 8-bit image in place with a 2 x 2 box: each of the four
-// bytes is quartered (truncating) before they are summed. Returns the packed
-// width / 2 x height / 2 view at the same address. Output rows never overtake
-// the source rows still to be read.
-ImageView halveBox(const ImageView& rgb);
+// Halves an 8-bit image of 3 or more channels (the first three R, G, B) in
+// place with a 2 x 2 box: each of the four bytes is quartered (truncating)
+// before they are summed. Returns the packed 3-channel width / 2 x height / 2
+// view at the same address. Output rows never overtake the source rows still
+// to be read.
+MutableImageView halveBox(const MutableImageView& rgb);

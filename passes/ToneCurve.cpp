@@ -21,14 +21,14 @@ float fastLog2(float y)
 
 SceneKey measureSceneKey(const ImageView& rgbe)
 {
-    const int64_t width = rgbe.width, height = rgbe.height;
+    const int64_t width = rgbe.width(), height = rgbe.height();
     const int64_t slots = int64_t(rgbe.stride() / 4) * height;
     const int64_t step = width * height <= 2000000 ? 1 : 11;
     double sum = 0;
     int64_t count = 0;
     float maxLog = -128.0f;
     for (int64_t i = 0; i < slots; i += step) {
-        const uint8_t* p = rgbe.data + i * 4;
+        const uint8_t* p = rgbe.data() + i * 4;
         if (p[3] == 0)
             continue;
         const float y = 0.3f * float(p[0]) + 0.59f * float(p[1]) + 0.11f * float(p[2]);

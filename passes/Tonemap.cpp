@@ -11,13 +11,13 @@
 #include "libglutil/Stage.h"
 #include "libglutil/Texture.h"
 
-ImageView tonemap(const ImageView& rgbe)
+MutableImageView tonemap(const MutableImageView& rgbe)
 {
     StageTimer total("[T] tonemap (total)");
-    const int width = rgbe.width, height = rgbe.height;
+    const int width = rgbe.width(), height = rgbe.height();
     // The chunks are runs of the pixel sequence and the output is written
     // packed over the input, so the input must be packed RGBE.
-    if (rgbe.step() != 4 || rgbe.stride() != 4 * width)
+    if (rgbe.channels() != 4 || !rgbe.packed())
         throw std::runtime_error("tonemap: the RGBE image must be packed (4 bytes a pixel, no row padding)");
 
     const SceneKey key = measureSceneKey(rgbe);
@@ -34,20 +34,14 @@ ImageView tonemap(const ImageView& rgbe)
     const RenderTarget target(chunks.width, chunks.height, GL_RGB8);
 
     for (int k = 0; k < chunks.count; ++k) {
-        const uint8_t* in = rgbe.data + k * chunkPixels * 4;
+        const uint8_t* in = rgbe.data() + k * chunkPixels * 4;
         const ChunkExposure e = chunkExposure(in, chunkPixels);
         ExponentStats stats;
         stats.maxE = e.maxE;
         stats.minE = e.minE;
         stats.count = e.count;
         stats.sum = e.sum;
-        ImageView chunkView;
-        chunkView.data = const_cast<uint8_t*>(in);
-        chunkView.pixelStep = 4;
-        chunkView.rowStride = 4 * chunks.width;
-        chunkView.width = chunks.width;
-        chunkView.height = chunks.height;
-        printExponentStats(chunkView, stats);
+        printExponentStats(ImageView(in, chunks.width, chunks.height, 4), stats);
 
         const Texture input = Texture::upload(chunks.width, chunks.height, GL_RGBA8, GL_RGBA, in, 4 * chunks.width);
         finishStage("cpu -> gpu (render)");
@@ -60,15 +54,9 @@ ImageView tonemap(const ImageView& rgbe)
 
         // 3 bytes a pixel land behind the 4-byte input of this and the later
         // chunks: nothing still to be uploaded is overwritten.
-        target.framebuffer.read(rgbe.data + k * chunkPixels * 3, GL_RGB, GL_UNSIGNED_BYTE, chunks.width, chunks.height);
+        target.framebuffer.read(rgbe.data() + k * chunkPixels * 3, GL_RGB, GL_UNSIGNED_BYTE, chunks.width, chunks.height);
         finishStage("gpu -> cpu (render)");
     }
 
-    ImageView rgb;
-    rgb.data = rgbe.data;
-    rgb.pixelStep = 3;
-    rgb.rowStride = 3 * width;
-    rgb.width = width;
-    rgb.height = height;
-    return rgb;
+    return MutableImageView(rgbe.data(), width, height, 3);
 }

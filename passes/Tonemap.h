@@ -11,11 +11,11 @@
 
 #include "image/ImageView.h"
 
-// Tone-maps the packed RGBE view (pixel step 4, stride 4 * width) and returns
-// a view over the same memory with 3 channels, stride 3 * width. Needs the GL
-// context. Prints the scene key and per-chunk exposure statistics on standard
-// error and reports its total time under "[T] tonemap (total)".
-ImageView tonemap(const ImageView& rgbe);
+// Tone-maps the packed RGBE view (4 channels, stride 4 * width) and returns
+// a packed 3-channel view over the same memory. Needs the GL context. Prints
+// the scene key and per-chunk exposure statistics on standard error and
+// reports its total time under "[T] tonemap (total)".
+MutableImageView tonemap(const MutableImageView& rgbe);
 
 // ---- CPU side of the pass (no GL), exposed for tests and the benchmark ----
 

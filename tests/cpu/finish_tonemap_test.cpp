@@ -18,7 +18,7 @@ Image rgbeImage(int w, int h, F pixel)
     Image img(w, h, 4);
     for (int64_t i = 0; i < int64_t(w) * h; ++i) {
         const std::array<uint8_t, 4> p = pixel(i);
-        std::copy(p.begin(), p.end(), img.data + 4 * i);
+        std::copy(p.begin(), p.end(), img.data() + 4 * i);
     }
     return img;
 }
@@ -119,13 +119,13 @@ TEST(FinishThumbnail, HalveBoxQuartersEachByteInPlace)
     Image img(7, 5, 3);
     std::mt19937 rng(5);
     for (size_t i = 0; i < img.byteSize(); ++i)
-        img.data[i] = uint8_t(rng());
-    img.data[0] = img.data[3] = img.data[21] = img.data[24] = 3;
-    const std::vector<uint8_t> src(img.data, img.data + img.byteSize());
-    const ImageView half = halveBox(img);
-    ASSERT_EQ(half.width, 3);
-    ASSERT_EQ(half.height, 2);
-    EXPECT_EQ(half.data, img.data);
+        img.data()[i] = uint8_t(rng());
+    img.data()[0] = img.data()[3] = img.data()[21] = img.data()[24] = 3;
+    const std::vector<uint8_t> src(img.data(), img.data() + img.byteSize());
+    const ImageView half = halveBox(img.mutableView());
+    ASSERT_EQ(half.width(), 3);
+    ASSERT_EQ(half.height(), 2);
+    EXPECT_EQ(half.data(), img.data());
     EXPECT_EQ(half.pixel(0, 0)[0], 0);
     for (int y = 0; y < 2; ++y)
         for (int x = 0; x < 3; ++x)
@@ -147,11 +147,11 @@ TEST(FinishThumbnail, NearestSamplingByIntegerDivisionOfWidth)
             uint8_t* p = pano.pixel(x, y);
             p[0] = uint8_t(x), p[1] = uint8_t(x >> 8), p[2] = uint8_t(y), p[3] = uint8_t(y >> 8);
         }
-    std::vector<uint8_t> out(2000 * 1000 * 4);
-    sampleNearest(pano, 2000, 1000, out.data());
+    Image out(2000, 1000, 4);
+    sampleNearest(pano, out.mutableView());
     for (int y : {0, 1, 333, 999})
         for (int x : {0, 1, 2, 1001, 1999}) {
-            const uint8_t* p = &out[(size_t(y) * 2000 + x) * 4];
+            const uint8_t* p = out.pixel(x, y);
             EXPECT_EQ(p[0] | p[1] << 8, x * W / 2000) << x;
             EXPECT_EQ(p[2] | p[3] << 8, y * W / 2000) << y;
         }

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
@@ -24,16 +25,32 @@ using support::errorOf;
 TEST(ImageView, SubViewsAndTheirBounds)
 {
     Image img(10, 6, 4);
-    EXPECT_EQ(img.stride(), 40);
-    EXPECT_EQ(img.data[img.byteSize() - 1], 0);  // zero-filled
-    const ImageView part = img.subView(2, 3, -1, 0);  // zero or negative sizes count back from the far edge
-    EXPECT_EQ(part.width, 7);
-    EXPECT_EQ(part.height, 3);
-    EXPECT_EQ(part.data, img.data + 3 * 40 + 2 * 4);
+    EXPECT_EQ(img.view().stride(), 40);
+    EXPECT_EQ(img.data()[img.byteSize() - 1], 0);  // zero-filled
+    const ImageView part = img.view().subView(2, 3, -1, 0);  // zero or negative sizes count back from the far edge
+    EXPECT_EQ(part.width(), 7);
+    EXPECT_EQ(part.height(), 3);
     EXPECT_EQ(part.stride(), 40);
-    EXPECT_EQ(part.subView(1, 1, 2, 2).pixel(1, 1), img.pixel(4, 5));
+    // A write through a sub-view of a sub-view lands at the right place of
+    // the image and nowhere else.
+    img.mutableView().subView(2, 3, -1, 0).subView(1, 1, 2, 2).pixel(1, 1)[2] = 77;
+    EXPECT_EQ(part.pixel(2, 2)[2], 77);
+    EXPECT_EQ(std::count(img.data(), img.data() + img.byteSize(), 0), int64_t(img.byteSize()) - 1);
+    EXPECT_EQ(img.pixel(4, 5)[2], 77);
 
-    EXPECT_EQ(errorOf([&] { img.subView(5, 0, 6, 2); }), "Access out of bounds in ImageView::subView: 6x2@5x0 not in 10x6");
+    const struct {
+        int x, y, w, h;
+        const char* error;
+    } bad[] = {
+        {5, 0, 6, 2, "6x2@5x0 not in 10x6"},
+        {0, 4, 3, 3, "3x3@0x4 not in 10x6"},
+        {-1, 0, 2, 2, "2x2@-1x0 not in 10x6"},
+        {0, -2, 2, 2, "2x2@0x-2 not in 10x6"},
+        {3, 2, -7, 1, "empty ROI (0x1)"},
+    };
+    for (const auto& c : bad)
+        EXPECT_EQ(errorOf([&] { img.view().subView(c.x, c.y, c.w, c.h); }),
+                  std::string("Access out of bounds in ImageView::subView: ") + c.error);
     EXPECT_THROW(Image(0, 5, 4), std::runtime_error);
     EXPECT_THROW(Image(100000, 100000, 4), std::runtime_error);
 }
@@ -96,7 +113,7 @@ TEST(HalfStrips, RgbeRoundTripIsLosslessInHalfRange)
         std::vector<Imf::Rgba> strip(size_t(size.first) * size.second);
         rgbeToHalf(src, strip.data());
         Image canvas(size.first + 5, size.second + 2, 4);
-        const ImageView target = canvas.subView(3, 1, size.first, size.second);
+        const MutableImageView target = canvas.mutableView().subView(3, 1, size.first, size.second);
         halfToRgbe(strip.data(), target);
         EXPECT_TRUE(support::samePixels(src, target, 4)) << size.first;
         EXPECT_EQ(canvas.pixel(2, 1)[3], 0);

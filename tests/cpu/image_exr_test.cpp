@@ -41,8 +41,8 @@ Imf::Header headerOf(const std::string& path)
 std::pair<double, double> relativeError(const ImageView& a, const ImageView& b)
 {
     double worst = 0, sum = 0;
-    for (int32_t y = 0; y < a.height; ++y)
-        for (int32_t x = 0; x < a.width; ++x) {
+    for (int32_t y = 0; y < a.height(); ++y)
+        for (int32_t x = 0; x < a.width(); ++x) {
             float p[3], q[3];
             rgbeToFloat(a.pixel(x, y), p);
             rgbeToFloat(b.pixel(x, y), q);
@@ -52,7 +52,7 @@ std::pair<double, double> relativeError(const ImageView& a, const ImageView& b)
                 sum += std::abs(double(p[c]) - q[c]) / top;
             }
         }
-    return {worst, sum / (3.0 * a.width * a.height)};
+    return {worst, sum / (3.0 * a.width() * a.height())};
 }
 
 }  // namespace
@@ -156,8 +156,8 @@ TEST(OpenExr, ReadsAnyDataWindowAndRefusesDamage)
         out.writePixels(6);
     }
     const Image img = readExr(path);
-    ASSERT_EQ(img.width, 10);
-    ASSERT_EQ(img.height, 6);
+    ASSERT_EQ(img.width(), 10);
+    ASSERT_EQ(img.height(), 6);
     for (int i = 0; i < 60; ++i) {
         float rgb[3];
         rgbeToFloat(img.pixel(i % 10, i / 10), rgb);

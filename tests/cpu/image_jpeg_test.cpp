@@ -34,14 +34,14 @@ std::pair<int, double> difference(const ImageView& a, const ImageView& b)
 {
     int worst = 0;
     double sum = 0;
-    for (int32_t y = 0; y < a.height; ++y)
-        for (int32_t x = 0; x < a.width; ++x)
+    for (int32_t y = 0; y < a.height(); ++y)
+        for (int32_t x = 0; x < a.width(); ++x)
             for (int c = 0; c < 3; ++c) {
                 const int d = std::abs(int(a.pixel(x, y)[c]) - int(b.pixel(x, y)[c]));
                 worst = std::max(worst, d);
                 sum += d;
             }
-    return {worst, sum / (3.0 * a.width * a.height)};
+    return {worst, sum / (3.0 * a.width() * a.height())};
 }
 
 }  // namespace
@@ -52,9 +52,9 @@ TEST(Jpeg, WrittenFileIsBaselineQuality90AndReadsBack)
     const Image src = photo(97, 61);  // not a multiple of the 16-pixel MCU
     writeJpeg(src, dir / "a.jpg");
     const Image back = readJpeg(dir / "a.jpg");
-    ASSERT_EQ(back.width, 97);
-    ASSERT_EQ(back.height, 61);
-    EXPECT_EQ(back.stride(), 3 * 97);
+    ASSERT_EQ(back.width(), 97);
+    ASSERT_EQ(back.height(), 61);
+    EXPECT_EQ(back.channels(), 3);
     // Quality 90 with 2x2 chroma subsampling: a couple of levels on average;
     // the blue texture loses detail to the halved chroma, hence the looser max.
     const auto err = difference(src, back);
@@ -66,7 +66,7 @@ TEST(Jpeg, WrittenFileIsBaselineQuality90AndReadsBack)
     ASSERT_EQ(std::system(("djpeg -ppm -outfile '" + ppm + "' '" + (dir / "a.jpg") + "'").c_str()), 0);
     const std::string header = "P6\n97 61\n255\n", bytes = support::readFile(ppm);
     ASSERT_EQ(bytes.substr(0, header.size()), header);
-    EXPECT_EQ(bytes.substr(header.size()), std::string(reinterpret_cast<const char*>(back.data), back.byteSize()));
+    EXPECT_EQ(bytes.substr(header.size()), std::string(reinterpret_cast<const char*>(back.data()), back.byteSize()));
 
     // Baseline frame (SOF0, no SOF2); first luminance quantizer (16 * 20 + 50) / 100 = 3.
     const std::string file = support::readFile(dir / "a.jpg");
@@ -104,7 +104,7 @@ TEST(Jpeg, FailuresNameTheFile)
               "Error opening file '" + unwritable + "' (with mode 'wb'): No such file or directory");
 
     const Image src = photo(16, 16);
-    support::writeFile(dir / "in.ppm", "P6\n16 16\n255\n" + std::string(reinterpret_cast<const char*>(src.data), src.byteSize()));
+    support::writeFile(dir / "in.ppm", "P6\n16 16\n255\n" + std::string(reinterpret_cast<const char*>(src.data()), src.byteSize()));
     ASSERT_EQ(std::system(("cjpeg -grayscale -outfile '" + (dir / "grey.jpg") + "' '" + (dir / "in.ppm") + "'").c_str()), 0);
     EXPECT_EQ(errorOf([&] { readJpeg(dir / "grey.jpg"); }), "can not open JPEG with color format other than RGB");
 
@@ -135,7 +135,7 @@ TEST(Jpeg, FramesTheFileCannotHoldAreRefusedBeforeDecoding)
     // and, with enough trailing bytes to pass that rule, beyond the pixel limit.
     support::TempDir dir;
     const Image src = photo(16, 16);
-    support::writeFile(dir / "src.ppm", "P6\n16 16\n255\n" + std::string(reinterpret_cast<const char*>(src.data), src.byteSize()));
+    support::writeFile(dir / "src.ppm", "P6\n16 16\n255\n" + std::string(reinterpret_cast<const char*>(src.data()), src.byteSize()));
     const std::string path = dir / "huge.jpg";
     const std::string prefix = "Error reading JPEG file '" + path + "': frame of ";
     const struct {
@@ -185,14 +185,14 @@ TEST(Jpeg, ReducedDecodingAveragesWholeBlocks)
         int s = 0;
         const Image small = readJpeg(path, c.maxReduction, &s);
         ASSERT_EQ(s, c.expected);
-        ASSERT_EQ(small.width, c.w / s);
-        ASSERT_EQ(small.height, c.h / s);
+        ASSERT_EQ(small.width(), c.w / s);
+        ASSERT_EQ(small.height(), c.h / s);
         if (s == 1)
             continue;
         double aligned = 0, shifted = 0;
         int n = 0;
-        for (int j = 0; j + 1 < small.height; ++j)
-            for (int i = 0; i + 1 < small.width; ++i)
+        for (int j = 0; j + 1 < small.height(); ++j)
+            for (int i = 0; i + 1 < small.width(); ++i)
                 for (int ch = 0; ch < 3; ++ch) {
                     double block = 0, half = 0;
                     for (int y = 0; y < s; ++y)

@@ -192,8 +192,8 @@ TEST(Radiance, ReadsAFileFromAnIndependentWriter)
     Imf::RgbaInputFile exr(support::sourcePath("data/oiio_gradient.exr").c_str());
     const Imath::Box2i dw = exr.dataWindow();
     const int32_t w = dw.max.x - dw.min.x + 1, h = dw.max.y - dw.min.y + 1;
-    ASSERT_EQ(hdr.width, w);
-    ASSERT_EQ(hdr.height, h);
+    ASSERT_EQ(hdr.width(), w);
+    ASSERT_EQ(hdr.height(), h);
     Imf::Array2D<Imf::Rgba> ref(h, w);
     exr.setFrameBuffer(&ref[0][0], 1, size_t(w));
     exr.readPixels(dw.min.y, dw.max.y);

@@ -59,7 +59,7 @@ std::array<int, 2> jpegSize(const std::string& path)
     if (error != "no error")
         return {-1, -1};
     const Image img = readJpeg(path);
-    return {img.width, img.height};
+    return {img.width(), img.height()};
 }
 
 std::set<std::string> filesIn(const std::string& dir)
@@ -74,11 +74,11 @@ std::set<std::string> filesIn(const std::string& dir)
 // Largest and mean relative difference of the decoded RGB of two RGBE images.
 std::pair<double, double> rgbeDifference(const ImageView& expected, const ImageView& actual)
 {
-    if (expected.width != actual.width || expected.height != actual.height)
+    if (expected.width() != actual.width() || expected.height() != actual.height())
         return {1e9, 1e9};
     double worst = 0, sum = 0;
-    for (int y = 0; y < expected.height; ++y)
-        for (int x = 0; x < expected.width; ++x) {
+    for (int y = 0; y < expected.height(); ++y)
+        for (int x = 0; x < expected.width(); ++x) {
             float a[3], b[3];
             rgbeToFloat(expected.pixel(x, y), a);
             rgbeToFloat(actual.pixel(x, y), b);
@@ -88,7 +88,7 @@ std::pair<double, double> rgbeDifference(const ImageView& expected, const ImageV
                 sum += e;
             }
         }
-    return {worst, sum / (3.0 * expected.width * expected.height)};
+    return {worst, sum / (3.0 * expected.width() * expected.height())};
 }
 
 void expectNoServerLeft() { EXPECT_TRUE(takeOrphansNamed("Xvfb").empty()) << "an Xvfb outlived the renderer"; }
@@ -182,8 +182,8 @@ TEST(ImageInput, EveryOutputKindFromAnEquirectImage)
     EXPECT_EQ(filesIn(dir / "out"), expected);
     // The width option does not apply to an image; nothing touches its pixels.
     const Image hdr = readRadiance(dir / "out/pano.hdr");
-    ASSERT_EQ(hdr.width, 2400);
-    EXPECT_EQ(std::memcmp(hdr.data, panorama.data, hdr.byteSize()), 0);
+    ASSERT_EQ(hdr.width(), 2400);
+    EXPECT_EQ(std::memcmp(hdr.data(), panorama.data(), hdr.byteSize()), 0);
     EXPECT_EQ(jpegSize(dir / "out/pano.jpg"), (std::array<int, 2>{2400, 1200}));
     EXPECT_EQ(jpegSize(dir / "out/pano thumbnail.jpg"), (std::array<int, 2>{1000, 500}));
     for (const char* f : kFaces)
@@ -304,19 +304,19 @@ TEST(Capture, LogoCoversTheNadir)
     TempDir out;
     Image logo(256, 256, 3);  // yellow
     for (int64_t i = 0; i < 256 * 256 * 3; ++i)
-        logo.data[i] = uint8_t(i % 3 == 0 ? 230 : i % 3 == 1 ? 200 : 30);
+        logo.data()[i] = uint8_t(i % 3 == 0 ? 230 : i % 3 == 1 ? 200 : 30);
     writeJpeg(logo, out / "logo.jpg");
     ASSERT_EQ(runRenderer({captures() + "/ldr/capture.pts", "--er-width", "1000", "--er-jpg", "--output-prefix", out / "plain"}).status, 0);
     ASSERT_EQ(runRenderer({captures() + "/ldr/capture.pts", "--er-width", "1000", "--er-jpg", "--logo", out / "logo.jpg",
                            "--output-prefix", out / "logo"}).status, 0);
     const Image a = readJpeg(out / "plain thumbnail.jpg"), b = readJpeg(out / "logo thumbnail.jpg");
-    ASSERT_EQ(b.height, 500);
+    ASSERT_EQ(b.height(), 500);
     const auto meanOfRows = [](const Image& rgb, int y0, int y1) {
         double sum = 0;
         for (int y = y0; y < y1; ++y)
-            for (int x = 0; x < rgb.width * 3; ++x)
-                sum += rgb.row(y)[x];
-        return sum / (double(y1 - y0) * rgb.width * 3);
+            for (int x = 0; x < rgb.width() * 3; ++x)
+                sum += rgb.pixel(0, y)[x];
+        return sum / (double(y1 - y0) * rgb.width() * 3);
     };
     // The lowest 20 rows lie inside the 18-degree patch (25 rows) that no
     // source reaches: dark without a logo, near the logo's mean (153) with
@@ -335,7 +335,7 @@ TEST(Capture, HdrCaptureExrCarriesThumbnailAndProject)
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(filesIn(out.path()), (std::set<std::string>{"pano.hdr", "pano.exr", "pano thumbnail.jpg"}));
     const Image hdr = readRadiance(out / "pano.hdr");
-    EXPECT_EQ(hdr.width, 2400);
+    EXPECT_EQ(hdr.width(), 2400);
     registerExrAttributeTypes();  // a pts input quotes the .tsp document beside it
     EXPECT_EQ(Imf::InputFile((out / "pano.exr").c_str()).header().typedAttribute<Imf::StringAttribute>("tessaraMetaData").value(),
               readFile(captures() + "/hdr/capture.tsp"));
@@ -357,11 +357,11 @@ TEST(Capture, HdrCaptureExrCarriesThumbnailAndProject)
     EXPECT_EQ(countLinesWith(level.err, " upside_down: "), 0);
     EXPECT_EQ(countLinesWith(flipped.err, " upside_down: "), 1) << flipped.err;
     const Image a = readRadiance(out / "level.hdr"), b = readRadiance(out / "flipped.hdr");
-    ASSERT_EQ(b.width, 1200);
+    ASSERT_EQ(b.width(), 1200);
     int mismatches = 0;
-    for (int y = 0; y < a.height; ++y)
-        for (int x = 0; x < a.width; ++x)
-            mismatches += std::memcmp(a.pixel(x, y), b.pixel(a.width - 1 - x, a.height - 1 - y), 4) != 0;
+    for (int y = 0; y < a.height(); ++y)
+        for (int x = 0; x < a.width(); ++x)
+            mismatches += std::memcmp(a.pixel(x, y), b.pixel(a.width() - 1 - x, a.height() - 1 - y), 4) != 0;
     EXPECT_EQ(mismatches, 0);
 }
 
@@ -405,7 +405,7 @@ TEST(Capture, FailuresLeaveNoPartialFile)
     fs::create_directory(out / "pano.exr");
     expectCleanFailure(runRenderer({captures() + "/hdr/capture.pts", "--er-width", "2000", "--er-hdr", "--er-exr",
                                     "--output-prefix", out / "pano"}), "pano.exr");
-    EXPECT_EQ(readRadiance(out / "pano.hdr").width, 2000);
+    EXPECT_EQ(readRadiance(out / "pano.hdr").width(), 2000);
     EXPECT_EQ(filesIn(out.path()), (std::set<std::string>{"rings.pts", "broken.tsp", "empty.tsp", "empty.pts", "pano.exr",
                                                          "pano.hdr", "pano thumbnail.jpg"}));
 }

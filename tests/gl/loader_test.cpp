@@ -81,8 +81,8 @@ TEST(LoaderDispatch, JpegRadianceAndUnsupportedTypes)
         const auto back = readBack(tex, GL_RGB);
         double worst = 0, sum = 0;
         for (size_t i = 0; i < back.size(); ++i) {
-            worst = std::max(worst, std::abs(double(back[i]) - pic.data[i]));
-            sum += std::abs(double(back[i]) - pic.data[i]);
+            worst = std::max(worst, std::abs(double(back[i]) - pic.data()[i]));
+            sum += std::abs(double(back[i]) - pic.data()[i]);
         }
         EXPECT_LE(worst, 80.0) << name;
         EXPECT_LT(sum / double(back.size()), 2.5) << name;

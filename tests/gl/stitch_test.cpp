@@ -259,7 +259,8 @@ Stitched stitch(const CaptureFiles& files, int width, bool useOrientation, const
     s.height = width / 2;
     const bool hdr = files.capture.options.hdr;
     s.pixels.assign(size_t(s.width) * s.height * (hdr ? 4 : 3), 0);
-    stitchEquirect(s.pixels.data(), s.width, s.height, files.pts, project, hdr, useOrientation, tuning);
+    stitchEquirect(MutableImageView(s.pixels.data(), s.width, s.height, panoramaChannels(hdr)), files.pts, project, hdr,
+                   useOrientation, tuning);
     s.truth = renderTruth(*files.pano, s.capture, width, useOrientation, nullptr, 2.0);
     s.coverage = drawableCoverage(s.capture, width, useOrientation, 2.0);
     return s;
@@ -481,21 +482,21 @@ TEST(StitchRules, ExposureNormalisation)
     // Exponents 128 + {-5, -4, -4, -6} and one black pixel: mean -4.75 -> -4,
     // delta +2.
     std::vector<uint8_t> rgbe = {1, 2, 3, 123, 9, 9, 9, 124, 0, 0, 0, 0, 7, 7, 7, 124, 5, 5, 5, 122};
-    EXPECT_TRUE(normalizeExposure(rgbe.data(), 5));
+    EXPECT_TRUE(normalizeExposure(MutableImageView(rgbe.data(), 5, 1, 4)));
     const std::vector<uint8_t> expected = {1, 2, 3, 125, 9, 9, 9, 126, 0, 0, 0, 0, 7, 7, 7, 126, 5, 5, 5, 124};
     EXPECT_EQ(rgbe, expected);
 
     // Bright scene (mean +100): delta -102 wraps below the byte range only
     // for exponents that were already below it.
     std::vector<uint8_t> bright = {1, 1, 1, 228, 1, 1, 1, 228};
-    EXPECT_TRUE(normalizeExposure(bright.data(), 2));
+    EXPECT_TRUE(normalizeExposure(MutableImageView(bright.data(), 1, 2, 4)));
     EXPECT_EQ(bright[3], 126);
 
     // All black: no mean, nothing changes, no failure.
     std::vector<uint8_t> black(4 * 16, 0);
     black[0] = 200;  // mantissa bytes alone do not make a pixel lit
     const std::vector<uint8_t> before = black;
-    EXPECT_FALSE(normalizeExposure(black.data(), 16));
+    EXPECT_FALSE(normalizeExposure(MutableImageView(black.data(), 4, 4, 4)));
     EXPECT_EQ(black, before);
 }
 
@@ -504,9 +505,9 @@ TEST(StitchRules, IncompleteProjectIsAnError)
 {
     Project project;
     project.images.resize(4);
-    std::vector<uint8_t> pixels(100 * 50 * 3);
+    Image pixels(100, 50, 3);
     try {
-        stitchEquirect(pixels.data(), 100, 50, "/nonexistent/p.pts", project, false, true);
+        stitchEquirect(pixels.mutableView(), "/nonexistent/p.pts", project, false, true);
         FAIL() << "no exception";
     } catch (const std::runtime_error& e) {
         EXPECT_STREQ(e.what(), "project has 4 entries, but a capture of 5 slots needs 6 source images");
@@ -592,7 +593,7 @@ TEST(StitchCapture, HdrCaptureMatchesItsPanorama)
     Project unknown = importPtsScript(files->pts);
     unknown.images[0].width = 1234;
     std::vector<uint8_t> black(size_t(400) * 200 * 4, 0);
-    stitchEquirect(black.data(), 400, 200, files->pts, unknown, true, false);
+    stitchEquirect(MutableImageView(black.data(), 400, 200, 4), files->pts, unknown, true, false);
     EXPECT_EQ(std::count(black.begin(), black.end(), 0), std::ptrdiff_t(black.size()));
 }
 
@@ -632,7 +633,8 @@ TEST(StitchCapture, BoundedDrawsMatchFullStrips)
             pixels.assign(size_t(width) * (width / 2) * (c.hdr ? 4 : 3), 0);
             StitchTuning tuning;
             tuning.boundDraws = bound;
-            stitchEquirect(pixels.data(), width, width / 2, files->pts, project, c.hdr, true, tuning);
+            stitchEquirect(MutableImageView(pixels.data(), width, width / 2, panoramaChannels(c.hdr)), files->pts,
+                           project, c.hdr, true, tuning);
         }
         EXPECT_TRUE(bounded == whole);
 

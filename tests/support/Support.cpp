@@ -96,10 +96,10 @@ Image makeRgbeImage(int32_t w, int32_t h, uint32_t seed, int eMin, int eMax)
 
 bool samePixels(const ImageView& a, const ImageView& b, int channels)
 {
-    if (a.width != b.width || a.height != b.height)
+    if (a.width() != b.width() || a.height() != b.height())
         return false;
-    for (int32_t y = 0; y < a.height; ++y)
-        for (int32_t x = 0; x < a.width; ++x)
+    for (int32_t y = 0; y < a.height(); ++y)
+        for (int32_t x = 0; x < a.width(); ++x)
             if (std::memcmp(a.pixel(x, y), b.pixel(x, y), size_t(channels)) != 0)
                 return false;
     return true;
