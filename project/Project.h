@@ -17,8 +17,12 @@ struct ImageEntry {
 
     // Fields 4..12 (yaw .. e) by their 1-based position after height, as the
     // link rule of the pts import addresses them.
-    float& linkField(int i);
-    float linkField(int i) const { return const_cast<ImageEntry*>(this)->linkField(i); }
+    float& linkField(int i) { return this->*linkMember(i); }
+    float linkField(int i) const { return this->*linkMember(i); }
+
+private:
+    // Throws std::out_of_range "ImageEntry::linkField" outside 1..9.
+    static float ImageEntry::*linkMember(int i);
 };
 
 // Name that marks the orientation entry: yaw, roll, pitch carry the capture's
