@@ -1,20 +1,13 @@
 #include "app/RenderJob.h"
 
-#include <cerrno>
-#include <cstring>
-#include <fstream>
 #include <iostream>
 #include <sstream>
-#include <stdexcept>
-#include <string>
 
 #include "app/RenderPlan.h"
-#include "image/FormatText.h"
 #include "image/ImageLoader.h"
 #include "image/ImageView.h"
 #include "image/Jpeg.h"
 #include "image/OpenExr.h"
-#include "image/OutputFile.h"
 #include "image/Radiance.h"
 #include "libglutil/Stage.h"
 #include "libglutil/Texture.h"
@@ -63,20 +56,6 @@ Image stitchProject(RenderPlan& plan)
     return pano;
 }
 
-// Writes the RGBE panorama as a Radiance file, complete or not at all.
-void writeRadianceOutput(const ImageView& rgbe, const std::string& path)
-{
-    AtomicOutputFile file(path);
-    std::ofstream out(file.tempPath(), std::ios::binary | std::ios::trunc);
-    if (!out)
-        throw std::runtime_error(formatText("Failed to open file '%s': %s", path.c_str(), std::strerror(errno)));
-    writeRadiance(out, rgbe);
-    out.close();
-    if (!out)
-        throw std::runtime_error(formatText("Failed to write file '%s': %s", path.c_str(), std::strerror(errno)));
-    file.commit();
-}
-
 // The finishing passes and the writes of a complete plan, in their fixed order.
 // `pano` holds RGBE in an HDR render, else RGB; tone mapping turns RGBE into
 // RGB in the same buffer.
@@ -96,7 +75,7 @@ void executePlan(const RenderPlan& plan, Image& pano)
     if (plan.hdr) {
         const ImageView rgbe = pano;
         if (plan.options.writeErHdr) {
-            writeRadianceOutput(rgbe, plan.radiancePath());
+            writeRadianceFile(rgbe, plan.radiancePath());
             finishStage("save (equirect HDR)");
         }
         if (plan.options.writeErExr) {

@@ -3,14 +3,13 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
-#include "app/PathUtil.h"
+#include "image/PathUtil.h"
 #include "image/FormatText.h"
 #include "passes/CubeFaces.h"
 #include "passes/WebViewers.h"
@@ -83,10 +82,8 @@ int32_t roundCubeFaceWidth(int32_t cfWidth, std::ostream& log)
     int e = 0;
     while (((p >> e) & 1u) == 0)
         ++e;
-    char line[160];
-    std::snprintf(line, sizeof line, "Adjusting output cubeface width from %d to %d = %d * 2^%d.\n", cfWidth,
-                  int(rounded), int(k), e);
-    log << line << std::flush;
+    log << formatText("Adjusting output cubeface width from %d to %d = %d * 2^%d.\n", cfWidth, int(rounded), int(k), e)
+        << std::flush;
     return int32_t(rounded);
 }
 

@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "image/OptionHash.h"
+#include "image/PathUtil.h"
 #include "libglutil/StageTimer.h"
 #include "image/ExponentStats.h"
 #include "image/Jpeg.h"
@@ -32,17 +32,6 @@ bool isExecutableFile(const std::string& path)
 {
     struct stat st;
     return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
-}
-
-std::string lowerExtension(const std::string& path)
-{
-    const size_t dot = path.rfind('.');
-    if (dot == std::string::npos)
-        return std::string();
-    std::string ext = path.substr(dot + 1);
-    for (char& c : ext)
-        c = char(std::tolower(static_cast<unsigned char>(c)));
-    return ext;
 }
 
 Texture rgbTexture(const Image& rgb)
@@ -221,7 +210,7 @@ Texture loadImage(const std::string& path, int maxReduction, int* reduction)
 {
     if (reduction)
         *reduction = 1;
-    switch (optionHash(lowerExtension(path))) {
+    switch (optionHash(lowerTextAfterLastDot(path))) {
     case "jpg"_oh:
     case "jpeg"_oh:
         return rgbTexture(readJpeg(path, maxReduction, reduction));
@@ -236,7 +225,7 @@ Texture loadImage(const std::string& path, int maxReduction, int* reduction)
 
 void checkLoadable(const std::string& path)
 {
-    switch (optionHash(lowerExtension(path))) {
+    switch (optionHash(lowerTextAfterLastDot(path))) {
     case "jpg"_oh:
     case "jpeg"_oh:
         std::fclose(openFile(path, "rb"));
@@ -252,7 +241,7 @@ void checkLoadable(const std::string& path)
 Texture uploadRgbe(const ImageView& rgbe)
 {
     const ExponentStats stats = exponentStats(rgbe);
-    printExponentStats(rgbe, stats);
+    printExponentStats(rgbe, stats.maxE, stats.minE, stats.mean());
     Texture texture = Texture::upload(rgbe.width(), rgbe.height(), GL_RGBA8, GL_RGBA, rgbe.data(), rgbe.stride());
     texture.setExposureLevels(std::exp2(stats.mean()), std::exp2(double(stats.minE)), std::exp2(double(stats.maxE)));
     return texture;

@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -25,7 +23,7 @@
 #include "image/FormatText.h"
 #include "image/OutputFile.h"
 #include "image/Rgbe.h"
-#include "project/JsonDocument.h"
+#include "image/JsonDocument.h"
 
 void TessaraBinaryAttribute::writeValueTo(Imf::OStream& os, int) const
 {
@@ -458,14 +456,8 @@ void writeEquirectExr(const ImageView& rgbe, const std::string& path, const std:
 {
     const Imf::Header header =
         buildExrHeader(rgbe.width(), rgbe.height(), Imf::ENVMAP_LATLONG, compression, previewPath, projectPath);
-    AtomicOutputFile file(path);
-    std::ofstream os(file.tempPath(), std::ios::binary);
-    if (!os)
-        throw std::runtime_error(formatText("Failed to open file '%s': %s", path.c_str(), std::strerror(errno)));
-    {
-        // Library messages name the final path, not the temporary one.
-        Imf::StdOFStream exrStream(os, path.c_str());
-        Imf::RgbaOutputFile out(exrStream, header, Imf::WRITE_RGB, Imf::globalThreadCount());
+    writeExrFile(path, [&](Imf::OStream& stream) {
+        Imf::RgbaOutputFile out(stream, header, Imf::WRITE_RGB, Imf::globalThreadCount());
         const int64_t width = rgbe.width();
         std::vector<Imf::Rgba> strip(size_t(std::min(kStripRows, rgbe.height())) * size_t(width));
         for (int32_t y = 0; y < rgbe.height(); y += kStripRows) {
@@ -474,11 +466,16 @@ void writeEquirectExr(const ImageView& rgbe, const std::string& path, const std:
             out.setFrameBuffer(stripBase(strip.data(), 0, y, width), 1, size_t(width));
             out.writePixels(rows);
         }
-    }
-    os.close();
-    if (os.fail())
-        throw std::runtime_error(formatText("Failed to write file '%s'", path.c_str()));
-    file.commit();
+    });
+}
+
+void writeExrFile(const std::string& path, const std::function<void(Imf::OStream&)>& fill)
+{
+    AtomicOutputFile(path).write([&](std::ofstream& os) {
+        // Library messages name the final path, not the temporary one.
+        Imf::StdOFStream stream(os, path.c_str());
+        fill(stream);
+    });
 }
 
 namespace {

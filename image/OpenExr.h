@@ -2,11 +2,13 @@
 // OpenEXR output and input of RGBE panoramas through the library's RGBA
 // interface, and the header every written file carries (compression, envmap,
 // the JPEG preview and the project document with the capture metadata).
+#include <functional>
 #include <string>
 
 #include <ImfAttribute.h>
 #include <ImfEnvmap.h>
 #include <ImfHeader.h>
+#include <ImfIO.h>
 #include <ImfRgba.h>
 
 #include "image/ImageView.h"
@@ -53,6 +55,10 @@ Imf::Header buildExrHeader(int width, int height, Imf::Envmap envmap, const std:
 // B, converting 256 rows at a time. Written through an AtomicOutputFile.
 void writeEquirectExr(const ImageView& rgbe, const std::string& path, const std::string& compression,
                       const std::string& previewPath, const std::string& projectPath);
+
+// Writes an OpenEXR file complete or not at all (AtomicOutputFile): `fill`
+// gets a stream on the temporary file whose library messages name `path`.
+void writeExrFile(const std::string& path, const std::function<void(Imf::OStream&)>& fill);
 
 // Reads any RGBA-readable OpenEXR file into a packed RGBE image; the top-left
 // pixel of the data window becomes pixel (0, 0). Alpha is ignored.

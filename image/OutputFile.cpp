@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -84,6 +85,18 @@ AtomicOutputFile::~AtomicOutputFile()
 {
     if (!committed_)
         std::remove(tempPath_.c_str());
+}
+
+void AtomicOutputFile::write(const std::function<void(std::ofstream&)>& fill)
+{
+    std::ofstream out(tempPath_, std::ios::binary | std::ios::trunc);
+    if (!out)
+        throw std::runtime_error(formatText("Failed to open file '%s': %s", finalPath_.c_str(), std::strerror(errno)));
+    fill(out);
+    out.close();
+    if (!out)
+        throw std::runtime_error(formatText("Failed to write file '%s': %s", finalPath_.c_str(), std::strerror(errno)));
+    commit();
 }
 
 void AtomicOutputFile::commit()

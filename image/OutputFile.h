@@ -3,6 +3,8 @@
 // name in the destination's directory and commit() renames it into place once
 // the file is complete and closed. An output that fails half way therefore
 // never leaves a truncated file under the final name (nor replaces an older one).
+#include <functional>
+#include <iosfwd>
 #include <string>
 
 class AtomicOutputFile {
@@ -22,6 +24,14 @@ public:
     // has been closed. Throws std::runtime_error
     // "Failed to write file '%s': %s" (final path, system error) on failure.
     void commit();
+
+    // The whole sequence for a writer of streams: opens the temporary file as
+    // a binary stream, lets `fill` write it, closes it and commits. Throws
+    // std::runtime_error "Failed to open file '%s': %s" when it cannot be
+    // created and "Failed to write file '%s': %s" when writing or closing
+    // failed (final path, system error); what `fill` throws passes through.
+    // Either way no file appears under the final name.
+    void write(const std::function<void(std::ofstream&)>& fill);
 
 private:
     std::string finalPath_;

@@ -15,6 +15,7 @@
 
 #include "image/ExponentStats.h"
 #include "image/FormatText.h"
+#include "image/OutputFile.h"
 
 namespace {
 
@@ -385,9 +386,15 @@ void writeRadiance(std::ostream& out, const ImageView& rgbe)
         << "FORMAT=32-bit_rle_rgbe" << std::endl
         << std::endl
         << "-Y " << rgbe.height() << " +X " << rgbe.width() << std::endl;
-    printExponentStats(rgbe, exponentStats(rgbe));
+    const ExponentStats stats = exponentStats(rgbe);
+    printExponentStats(rgbe, stats.maxE, stats.minE, stats.mean());
     if (rgbe.width() >= 8 && rgbe.width() <= 65535)
         writeRunLengthPixels(out, rgbe);
     else
         writeFlatPixels(out, rgbe);
+}
+
+void writeRadianceFile(const ImageView& rgbe, const std::string& path)
+{
+    AtomicOutputFile(path).write([&](std::ofstream& out) { writeRadiance(out, rgbe); });
 }

@@ -18,3 +18,6 @@ Image readRadiance(const std::string& path);
 // statistics line on stderr before the pixel data. Write errors are left in
 // the stream's state for the caller to check after closing it.
 void writeRadiance(std::ostream& out, const ImageView& rgbe);
+
+// The same into the file `path`, complete or not at all (AtomicOutputFile).
+void writeRadianceFile(const ImageView& rgbe, const std::string& path);

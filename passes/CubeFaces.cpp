@@ -3,26 +3,19 @@
 
 #include <ImfEnvmap.h>
 #include <ImfRgba.h>
-#include <ImfStdIO.h>
 #include <ImfThreading.h>
 #include <ImfTiledRgbaFile.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "image/FormatText.h"
 #include "image/ImageLoader.h"
 #include "image/Jpeg.h"
 #include "image/OpenExr.h"
-#include "image/OutputFile.h"
 #include "libglutil/Framebuffer.h"
 #include "libglutil/FullScreenPass.h"
 #include "libglutil/Shader.h"
@@ -46,7 +39,7 @@ void renderFaces(const Texture& input, int faceSize, UseFace&& useFace)
     program.setUniform("inSize", float(input.width()), float(input.height()));
     program.setUniform("outSize", float(faceSize), float(faceSize));
     for (int f = 0; f < 6; ++f) {
-        const Mat3f m = yawPitchMatrix(kCubeFaces[f].yaw, kCubeFaces[f].pitch);
+        const Mat3 m = yawPitchMatrix(kCubeFaces[f].yaw, kCubeFaces[f].pitch);
         program.setMatrix3("yaw_pitch_mat", m.data());
         input.bind(GL_TEXTURE0);
         target.framebuffer.bind();
@@ -184,14 +177,8 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& p
     const int tile = cubeTileSize(faceSize);
     const Imf::Header header =
         buildExrHeader(faceSize, 6 * faceSize, Imf::ENVMAP_CUBE, compression, previewPath, projectPath);
-    AtomicOutputFile output(path);
-    std::ofstream os(output.tempPath(), std::ios::binary);
-    if (!os)
-        throw std::runtime_error(formatText("Failed to open file '%s': %s", path.c_str(), std::strerror(errno)));
-    {
-        // Library messages name the final path, not the temporary one.
-        Imf::StdOFStream exrStream(os, path.c_str());
-        Imf::TiledRgbaOutputFile file(exrStream, header, Imf::WRITE_RGB, tile, tile, Imf::MIPMAP_LEVELS,
+    writeExrFile(path, [&](Imf::OStream& stream) {
+        Imf::TiledRgbaOutputFile file(stream, header, Imf::WRITE_RGB, tile, tile, Imf::MIPMAP_LEVELS,
                                       Imf::ROUND_DOWN, Imf::globalThreadCount());
         std::map<int, SmallLevel> smallLevels;
         renderFaces(input, faceSize, [&](int face, const Framebuffer& target) {
@@ -201,11 +188,7 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& p
             writeFaceLevels(file, face, pixels.data(), faceSize, smallLevels);
             finishStage("save (cubeface EXR)");
         });
-    }
-    os.close();
-    if (os.fail())
-        throw std::runtime_error(formatText("Failed to write file '%s'", path.c_str()));
-    output.commit();
+    });
 }
 
 void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames& names)

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "image/ImageView.h"
+#include "project/CameraMatrix.h"
 
 // Cube map from the RGBE panorama into `path`, faces of s x s stacked in
 // the table's order, tiled, with round-down mipmap levels. Prints the image's
@@ -56,11 +57,9 @@ struct CubeFace {
 // In OpenEXR cube-map face order (+X, -X, +Y, -Y, +Z, -Z).
 extern const std::array<CubeFace, 6> kCubeFaces;
 
-using Mat3f = std::array<float, 9>;
-
 // "yaw_pitch_mat": rotation about the vertical axis by yaw times the rotation
-// about the horizontal axis by -pitch, nine floats in GL (column-major) order.
-Mat3f yawPitchMatrix(float yawDeg, float pitchDeg);
+// about the horizontal axis by -pitch, Ym(yaw) Xm(pitch) with its signed zeros.
+Mat3 yawPitchMatrix(float yawDeg, float pitchDeg);
 
 // Tile edge for face size s: s halved while it is above 512 and even.
 int cubeTileSize(int faceSize);

@@ -1,7 +1,8 @@
 // Face table, face matrix, tile rule and the CPU twin of the envmap shader.
 #include <cmath>
-#include <cstdio>
 
+#include "image/FormatText.h"
+#include "image/PathUtil.h"
 #include "passes/CubeFaces.h"
 
 const std::array<CubeFace, 6> kCubeFaces = {{
@@ -13,10 +14,12 @@ const std::array<CubeFace, 6> kCubeFaces = {{
     {180.0f, 0.0f, "f"},
 }};
 
-Mat3f yawPitchMatrix(float yawDeg, float pitchDeg)
+Mat3 yawPitchMatrix(float yawDeg, float pitchDeg)
 {
-    const float toRad = float(M_PI) / 180.0f;
-    const float yaw = yawDeg * toRad, pitch = pitchDeg * toRad;
+    // Ym(yaw) Xm(pitch) multiplied out by hand: operator* would give +0
+    // where this gives -0 (-sp * sy with sp = 0), and a zero's sign can reach
+    // the face pixels through the shader's atan2.
+    const float yaw = yawDeg * kDegToRad, pitch = pitchDeg * kDegToRad;
     const float cy = std::cos(yaw), sy = std::sin(yaw);
     const float cp = std::cos(pitch), sp = std::sin(pitch);
     return {cy, 0.0f, -sy, -sp * sy, cp, -sp * cy, cp * sy, sp, cp * cy};
@@ -40,12 +43,11 @@ int pyramidLevelCount(int faceSize)
 
 CubeJpegNames::CubeJpegNames(const std::string& outputPrefix) : prefix_(outputPrefix)
 {
-    const char last = outputPrefix.empty() ? '\0' : outputPrefix.back();
-    pyramid_ = last == '/' || last == '\\';
+    pyramid_ = endsWithSeparator(outputPrefix);
     folder_ = outputPrefix;
 #ifndef _WIN32
     // A trailing backslash names a folder as it would on Windows.
-    if (last == '\\')
+    if (pyramid_ && folder_.back() == '\\')
         folder_.back() = '/';
 #endif
 }
@@ -82,9 +84,7 @@ std::vector<std::string> CubeJpegNames::all(int faceSize) const
 
 std::string pyramidTileName(int level, const char* letter, int row, int column)
 {
-    char name[64];
-    std::snprintf(name, sizeof name, "%d_%s_%02d_%02d.jpg", level, letter, row, column);
-    return name;
+    return formatText("%d_%s_%02d_%02d.jpg", level, letter, row, column);
 }
 
 std::array<double, 3> cubeFaceDirection(int face, double i, double j, int faceSize)
@@ -92,7 +92,7 @@ std::array<double, 3> cubeFaceDirection(int face, double i, double j, int faceSi
     // Face-local frame as in envmap.vert: x right, y up, z forward.
     const double s = faceSize;
     const double local[3] = {2.0 * (i + 0.5) / s - 1.0, 1.0 - 2.0 * (j + 0.5) / s, 1.0};
-    const Mat3f m = yawPitchMatrix(kCubeFaces[face].yaw, kCubeFaces[face].pitch);
+    const Mat3 m = yawPitchMatrix(kCubeFaces[face].yaw, kCubeFaces[face].pitch);
     double w[3];
     for (int r = 0; r < 3; ++r)
         w[r] = m[r] * local[0] + m[3 + r] * local[1] + m[6 + r] * local[2];

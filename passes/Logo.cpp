@@ -29,7 +29,7 @@ void drawLogo(const MutableImageView& panorama, const std::string& logoPath, boo
 
     const GLenum format = hdr ? GL_RGBA : GL_RGB;
     for (int i = 0; i < n; ++i) {
-        const std::array<float, 9> cameraMat = logoCameraMatrix(i, n);
+        const Mat3 cameraMat = logoCameraMatrix(i, n);
         program.setMatrix3("cameraMat", cameraMat.data());
         logo.bind(GL_TEXTURE0);
         target.framebuffer.bind();

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "image/ImageView.h"
+#include "project/CameraMatrix.h"
 
 // Draws into the panorama (RGBE with hdr, else RGB; rows a whole number of
 // pixels apart). Needs the GL context.
@@ -33,14 +34,14 @@ int logoTileCount(int width);
 int logoBandHeight(float fov, int height);
 
 // "cameraMat" of tile `tile` out of n: the turn by the tile's yaw about the
-// vertical axis combined with a fixed 90-degree downward pitch, nine floats in
-// the order the shader reads them.
-std::array<float, 9> logoCameraMatrix(int tile, int tileCount);
+// vertical axis combined with a fixed 90-degree downward pitch,
+// Xm(90 degrees) Ym(yaw).
+Mat3 logoCameraMatrix(int tile, int tileCount);
 
 // CPU twin of the RENDER_LOGO branch of shaders/fish.frag: the logo-image
 // position (pixel centres at integers) sampled by the band-tile pixel whose
 // centre is at (x, y) in tile pixels (memory rows, row 0 at the top).
 // outFovX, fovTotal, inSize and outSize are the shader's uniforms.
-std::array<double, 2> logoSamplePosition(const std::array<float, 9>& cameraMat, double x, double y,
+std::array<double, 2> logoSamplePosition(const Mat3& cameraMat, double x, double y,
                                          float outFovX, float fovTotal, int inW, int inH, int outW,
                                          int outH);

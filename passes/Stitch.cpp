@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdio>
 #include <filesystem>
 #include <iostream>
 #include <limits>
@@ -18,6 +17,8 @@
 #endif
 
 #include "image/Colour.h"
+#include "image/ExponentStats.h"
+#include "image/FormatText.h"
 #include "image/ImageLoader.h"
 #include "libglutil/Framebuffer.h"
 #include "libglutil/FullScreenPass.h"
@@ -125,20 +126,12 @@ void checkSizes(const StitchLayout& layout, const std::vector<ImageEntry>& image
     const int outWidth = panorama.width(), outHeight = panorama.height();
     // Entry 0 and every ring image must be there; the orientation entry may follow.
     const size_t needed = layout.fisheye ? 1 + layout.slotCount : 1 + 2 * layout.slotCount;
-    if (images.size() < needed) {
-        char message[160];
-        std::snprintf(message, sizeof message,
-                      "project has %zu entries, but a capture of %d slots needs %zu source images",
-                      images.size(), layout.slotCount, needed);
-        throw std::runtime_error(message);
-    }
-    if (outWidth <= 0 || outHeight <= 0 || outWidth % layout.slotCount != 0) {
-        char message[160];
-        std::snprintf(message, sizeof message,
-                      "equirect size %dx%d does not divide into %d strips", outWidth, outHeight,
-                      layout.slotCount);
-        throw std::invalid_argument(message);
-    }
+    if (images.size() < needed)
+        throw std::runtime_error(formatText("project has %zu entries, but a capture of %d slots needs %zu source images",
+                                            images.size(), layout.slotCount, needed));
+    if (outWidth <= 0 || outHeight <= 0 || outWidth % layout.slotCount != 0)
+        throw std::invalid_argument(formatText("equirect size %dx%d does not divide into %d strips", outWidth,
+                                               outHeight, layout.slotCount));
     // Strips are read back with a row length counted in pixels.
     if (panorama.channels() != panoramaChannels(hdr) || panorama.stride() % panorama.channels() != 0)
         throw std::invalid_argument("the panorama's pixels do not match the render mode");
@@ -412,24 +405,14 @@ StitchLayout stitchLayout(size_t entryCount)
 
 bool normalizeExposure(const MutableImageView& rgbe)
 {
-    double sum = 0;
-    int64_t count = 0;
-    const int32_t width = rgbe.width(), height = rgbe.height(), step = rgbe.channels();
-#pragma omp parallel for reduction(+ : sum, count) schedule(static)
-    for (int32_t y = 0; y < height; ++y) {
-        const uint8_t* p = rgbe.row(y) + 3;
-        for (int32_t x = 0; x < width; ++x, p += step)
-            if (*p != 0) {
-                sum += *p - 128;
-                ++count;
-            }
-    }
+    const ExponentStats stats = exponentStats(rgbe);
     // A black panorama has no mean exponent; there is nothing to scale.
-    if (count == 0)
+    if (stats.count == 0)
         return false;
-    const int mean = int(sum / double(count));
+    const int mean = int(stats.mean());
     std::cerr << "mean e: " << mean << "\n";
     const uint8_t delta = uint8_t(-2 - mean);
+    const int32_t width = rgbe.width(), height = rgbe.height(), step = rgbe.channels();
 #pragma omp parallel for schedule(static)
     for (int32_t y = 0; y < height; ++y) {
         uint8_t* p = rgbe.row(y) + 3;

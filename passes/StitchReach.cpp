@@ -8,8 +8,6 @@
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-constexpr double kDeg = 180.0 / kPi;
 // Points along the border of the valid area: a few source pixels apart.
 constexpr int kBorderSamples = 8192;
 // Output pixels added on every side for the float rounding of the shader.
@@ -28,7 +26,7 @@ LonLat localLonLat(const Mat3& m, const std::array<double, 3>& c)
     for (int k = 0; k < 3; ++k)
         d[k] = double(m[3 * k]) * c[0] + double(m[3 * k + 1]) * c[1] + double(m[3 * k + 2]) * c[2];
     const double norm = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
-    return {std::atan2(d[0], d[2]) * kDeg, std::asin(std::clamp(d[1] / norm, -1.0, 1.0)) * kDeg};
+    return {toDegrees(std::atan2(d[0], d[2])), toDegrees(std::asin(std::clamp(d[1] / norm, -1.0, 1.0)))};
 }
 
 // The border of the valid area (frame cut by the fold circle) as directions in

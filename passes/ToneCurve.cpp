@@ -1,5 +1,5 @@
-// CPU side of the tone-mapping pass: scene key, chunk layout, chunk exposure
-// statistics and the twin of the shader's curve. No GL here.
+// CPU side of the tone-mapping pass: scene key, chunk layout and the twin of
+// the shader's curve. No GL here.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -64,22 +64,6 @@ ToneChunks toneChunks(int width, int height)
         c.height = height / 2;
     }
     return c;
-}
-
-ChunkExposure chunkExposure(const uint8_t* rgbe, int64_t pixels)
-{
-    ChunkExposure s;
-    for (int64_t i = 0; i < pixels; ++i) {
-        const int e8 = rgbe[i * 4 + 3];
-        if (e8 == 0)
-            continue;
-        const int e = e8 - 128;
-        s.maxE = std::max(s.maxE, e);
-        s.minE = std::min(s.minE, e);
-        s.sum += e;
-        ++s.count;
-    }
-    return s;
 }
 
 namespace {

@@ -45,16 +45,6 @@ struct ToneChunks {
 };
 ToneChunks toneChunks(int width, int height);
 
-// Exposure statistics of one chunk as printed before it is rendered: plain
-// maximum (from -127) and minimum (from 128) of E - 128 over pixels with E != 0.
-struct ChunkExposure {
-    int maxE = -127;
-    int minE = 128;
-    int64_t count = 0;
-    double sum = 0;
-};
-ChunkExposure chunkExposure(const uint8_t* rgbe, int64_t pixels);
-
 // CPU twin of the "tonemap" shader for one linear RGB value: Reinhard's
 // photographic operator with key 0.18 on avgLum and white point maxLum,
 // applied to the luminance and carried to the colour by the ratio, then the

@@ -1,10 +1,7 @@
 #include "passes/WebViewers.h"
 
-#include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
 
 #include "image/FormatText.h"
 #include "image/OutputFile.h"
@@ -18,7 +15,7 @@ const char* const kMarzipanoIntegrity = "sha384-DzG9/1qU4N16xJ12gRMAdNFu2z2wNiXF
 
 struct Layout {
     bool pyramid;
-    std::string folder;    // where the files go, with its separator ("" = current folder)
+    std::string folder;    // the pyramid's folder, with its separator (pyramid only)
     std::string name;      // file name part of the prefix (faces only)
     int faceSize;
     int tileSize;
@@ -28,15 +25,10 @@ struct Layout {
 Layout layoutOf(int faceSize, const std::string& prefix)
 {
     Layout l;
-    const char last = prefix.empty() ? '\0' : prefix.back();
-    l.pyramid = last == '/' || last == '\\';
+    const CubeJpegNames names(prefix);
+    l.pyramid = names.pyramid();
+    l.folder = l.pyramid ? names.folder() : "";
     const size_t slash = prefix.find_last_of("/\\");
-    l.folder = slash == std::string::npos ? "" : prefix.substr(0, slash + 1);
-#ifndef _WIN32
-    // The faces' writer takes a trailing backslash as a folder too.
-    if (l.pyramid && last == '\\')
-        l.folder.back() = '/';
-#endif
     l.name = slash == std::string::npos ? prefix : prefix.substr(slash + 1);
     l.faceSize = faceSize;
     l.tileSize = l.pyramid ? cubeTileSize(faceSize) : faceSize;
@@ -203,15 +195,6 @@ std::vector<TextOutput> webViewerFiles(int faceSize, const std::string& outputPr
 
 void writeWebViewerFiles(int faceSize, const std::string& outputPrefix)
 {
-    for (const TextOutput& f : webViewerFiles(faceSize, outputPrefix)) {
-        AtomicOutputFile file(f.path);
-        std::ofstream out(file.tempPath(), std::ios::binary | std::ios::trunc);
-        if (!out)
-            throw std::runtime_error(formatText("Failed to open file '%s': %s", f.path.c_str(), std::strerror(errno)));
-        out << f.text;
-        out.close();
-        if (!out)
-            throw std::runtime_error(formatText("Failed to write file '%s': %s", f.path.c_str(), std::strerror(errno)));
-        file.commit();
-    }
+    for (const TextOutput& f : webViewerFiles(faceSize, outputPrefix))
+        AtomicOutputFile(f.path).write([&](std::ofstream& out) { out << f.text; });
 }

@@ -1,5 +1,6 @@
 #pragma once
-// Camera rotation of a source image, as the stitching shader receives it.
+// Angles and rotations: degrees to radians, the elementary rotations and the
+// camera rotation of a source image as the stitching shader receives it.
 //
 // Matrices are 3x3 single precision, stored column-major as nine floats
 // (m0 m1 m2 is the first column; element (row r, column k) at index 3k + r),
@@ -16,6 +17,11 @@
 using Mat3 = std::array<float, 9>;
 
 constexpr float kDegToRad = 0.017453292f;
+
+// Double precision, for the geometry only the CPU computes.
+constexpr double kPi = 3.14159265358979323846;
+constexpr double toRadians(double degrees) { return degrees * (kPi / 180.0); }
+constexpr double toDegrees(double radians) { return radians * (180.0 / kPi); }
 
 // Elementary rotations by t radians, as stored:
 // Xm: 1, 0, 0, 0, c, -s, 0, s, c   Ym: c, 0, -s, 0, 1, 0, s, 0, c

@@ -7,8 +7,6 @@
 #include "project/Project.h"
 
 namespace {
-constexpr double kPi = 3.14159265358979323846;
-constexpr double kRad = kPi / 180.0;
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
 double cubic(const double* p, double x) { return ((p[3] * x + p[2]) * x + p[1]) * x + p[0]; }
@@ -100,22 +98,22 @@ double photometricGain(int w, int h, double x, double y, double va, double vb, d
 
 std::array<double, 3> directionOf(double lonDeg, double latDeg)
 {
-    const double lon = lonDeg * kRad, lat = latDeg * kRad;
+    const double lon = toRadians(lonDeg), lat = toRadians(latDeg);
     return {std::cos(lat) * std::sin(lon), std::sin(lat), std::cos(lat) * std::cos(lon)};
 }
 
 void lonLatOf(const std::array<double, 3>& dir, double& lonDeg, double& latDeg)
 {
-    lonDeg = std::atan2(dir[0], dir[2]) / kRad;
-    latDeg = std::atan2(dir[1], std::sqrt(dir[0] * dir[0] + dir[2] * dir[2])) / kRad;
+    lonDeg = toDegrees(std::atan2(dir[0], dir[2]));
+    latDeg = toDegrees(std::atan2(dir[1], std::sqrt(dir[0] * dir[0] + dir[2] * dir[2])));
 }
 
 LensProjection::LensProjection(const LensModel& lens) : lens_(lens)
 {
     // M = Rz(roll) Rx(pitch) Ry(-yaw), row-major.
-    const double cr = std::cos(lens.roll * kRad), sr = std::sin(lens.roll * kRad);
-    const double cp = std::cos(lens.pitch * kRad), sp = std::sin(lens.pitch * kRad);
-    const double cy = std::cos(-lens.yaw * kRad), sy = std::sin(-lens.yaw * kRad);
+    const double cr = std::cos(toRadians(lens.roll)), sr = std::sin(toRadians(lens.roll));
+    const double cp = std::cos(toRadians(lens.pitch)), sp = std::sin(toRadians(lens.pitch));
+    const double cy = std::cos(toRadians(-lens.yaw)), sy = std::sin(toRadians(-lens.yaw));
     const double rz[9] = {cr, -sr, 0, sr, cr, 0, 0, 0, 1};
     const double rx[9] = {1, 0, 0, 0, cp, -sp, 0, sp, cp};
     const double ry[9] = {cy, 0, sy, 0, 1, 0, -sy, 0, cy};
@@ -128,7 +126,7 @@ LensProjection::LensProjection(const LensModel& lens) : lens_(lens)
     mul(rz, rx, t);
     mul(t, ry, m_);
 
-    const double vRad = lens.v * kRad;
+    const double vRad = toRadians(lens.v);
     f_ = lens.fisheye ? lens.w / vRad : (lens.w / 2.0) / std::tan(vRad / 2);
     radius_ = std::min(lens.w, lens.h) / 2.0;
     k_ = 1 - lens.a - lens.b - lens.c;

@@ -1,10 +1,11 @@
 #include "project/PtsImport.h"
 
-#include <cstdio>
 #include <fstream>
 #include <regex>
 #include <stdexcept>
 #include <vector>
+
+#include "image/FormatText.h"
 
 namespace {
 
@@ -73,19 +74,12 @@ bool readLine(std::streambuf& in, std::string& line, bool& truncated)
     return true;
 }
 
-std::string format(const char* fmt, const std::string& a)
-{
-    std::vector<char> buf(std::snprintf(nullptr, 0, fmt, a.c_str()) + 1);
-    std::snprintf(buf.data(), buf.size(), fmt, a.c_str());
-    return buf.data();
-}
-
 }  // namespace
 
 Project importPtsScript(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
-    if (!in) throw std::runtime_error(format("Error opening project '%s'", path));
+    if (!in) throw std::runtime_error(formatText("Error opening project '%s'", path.c_str()));
 
     // Compiled once per process; matching does not modify them.
     static const std::vector<std::regex> regexes = [] {
@@ -185,6 +179,6 @@ Project importPtsScript(const std::string& path)
         }
     }
 
-    if (project.images.empty()) throw std::runtime_error(format("failed to parse project '%s'", path));
+    if (project.images.empty()) throw std::runtime_error(formatText("failed to parse project '%s'", path.c_str()));
     return project;
 }

@@ -1,10 +1,10 @@
 #include "project/TspProject.h"
 
-#include "project/JsonDocument.h"
+#include "image/FormatText.h"
+#include "image/JsonDocument.h"
 
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
-#include <cstdio>
 #include <filesystem>
 
 namespace pt = boost::property_tree;
@@ -26,9 +26,7 @@ Project loadTspProject(const std::string& path)
     for (int i = 0; i < slots; ++i) {
         const std::string slot = "slots." + std::to_string(i);
         ImageEntry entry;
-        char number[16];
-        std::snprintf(number, sizeof number, "%02d", i);
-        entry.fileName = stem + "-" + number + "-" + previewEv + ".cr2";
+        entry.fileName = formatText("%s-%02d-%s.cr2", stem.c_str(), i, previewEv.c_str());
         entry.yaw = doc.get<float>(slot + ".y");
         entry.roll = -90.0f;  // the capture head always shoots portrait frames
         entry.pitch = doc.get<float>(slot + ".p");

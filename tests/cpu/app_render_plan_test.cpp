@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "app/PathUtil.h"
+#include "image/PathUtil.h"
 #include "app/RenderPlan.h"
 
 namespace {
@@ -38,6 +38,14 @@ TEST(PathUtil, ExtensionAndSeparatorTests)
     };
     for (const auto& c : cases)
         EXPECT_EQ(hasExtensionIn(c.path, c.list), c.match) << c.path;
+    // The loader's rule reads the text after the last dot of the whole path.
+    const struct { const char* path; const char* extension; const char* afterDot; } names[] = {
+        {"dir/pano.HDR", "hdr", "hdr"}, {"dir/.jpg", "", "jpg"}, {"a.b/c", "", "b/c"}, {"pano", "", ""},
+    };
+    for (const auto& n : names) {
+        EXPECT_EQ(lowerExtension(n.path), n.extension) << n.path;
+        EXPECT_EQ(lowerTextAfterLastDot(n.path), n.afterDot) << n.path;
+    }
     EXPECT_TRUE(endsWithSeparator("out/"));
     EXPECT_TRUE(endsWithSeparator("out\\"));
     EXPECT_FALSE(endsWithSeparator("out/pano"));

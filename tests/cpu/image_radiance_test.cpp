@@ -124,6 +124,33 @@ TEST(Radiance, ExponentStatisticsLine)
     EXPECT_NE(line.find("nan"), std::string::npos) << line;
 }
 
+TEST(Radiance, ExponentStatisticsOverBandsOfRows)
+{
+    // A 1 x 256 column, scanned in four bands of 64 rows: a later band's
+    // first raise that does not exceed the earlier maximum counts for m.
+    const struct {
+        std::vector<std::pair<int, int>> lit;  // row, v
+        int maxE, minE, lowestE;
+    } cases[] = {
+        {{{0, 5}, {100, 3}, {200, -4}, {210, 7}}, 7, -4, -4},
+        {{{0, -8}, {150, 2}, {220, -3}}, 2, -3, -8},
+        {{{70, -2}, {140, -1}, {250, 4}}, 4, 128, -2},
+        {{{10, 6}, {199, 6}}, 6, 6, 6},
+    };
+    for (const auto& c : cases) {
+        Image img(1, 256, 4);
+        int sum = 0;
+        for (const auto& [row, v] : c.lit)
+            img.pixel(0, row)[3] = uint8_t(128 + v), sum += v;
+        const ExponentStats s = exponentStats(img);
+        EXPECT_EQ(s.maxE, c.maxE) << c.maxE;
+        EXPECT_EQ(s.minE, c.minE) << c.maxE;
+        EXPECT_EQ(s.lowestE, c.lowestE) << c.maxE;
+        EXPECT_EQ(s.count, int64_t(c.lit.size())) << c.maxE;
+        EXPECT_EQ(s.sum, sum) << c.maxE;
+    }
+}
+
 TEST(Radiance, HeadersAndSizeLines)
 {
     support::TempDir dir;

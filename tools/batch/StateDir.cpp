@@ -99,16 +99,11 @@ void StateDir::writeRecord(int lineNumber, const std::string& lineText, const st
     const std::string path = recordPath(lineNumber, lineText);
     AtomicOutputFile file(path);
     journalTempFile(lineNumber, file.tempPath());  // a kill now leaves nothing behind either
-    {
-        std::ofstream out(file.tempPath(), std::ios::binary | std::ios::trunc);
+    file.write([&](std::ofstream& out) {
         out << kRecordHeader << "\ntext " << lineText << "\n";
         for (const OutputEntry& output : outputs)
             out << "output " << output.bytes << " " << output.path << "\n";
-        out.close();
-        if (!out)
-            throw std::runtime_error(formatText("Failed to write file '%s': %s", path.c_str(), std::strerror(errno)));
-    }
-    file.commit();
+    });
 }
 
 void StateDir::removeRecord(int lineNumber, const std::string& lineText) const

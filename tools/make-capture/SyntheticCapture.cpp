@@ -20,7 +20,6 @@
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
 constexpr double kRad = kPi / 180.0;
 
 // Row-major 3x3 rotations in double precision, the lens conventions' Rx, Ry,
@@ -119,14 +118,7 @@ R3 inverse(const R3& m)
 
 void writeText(const std::string& path, const std::string& text)
 {
-    AtomicOutputFile file(path);
-    {
-        std::ofstream out(file.tempPath(), std::ios::binary);
-        out << text;
-        out.close();
-        if (!out) throw std::runtime_error("Failed to write file '" + path + "'");
-    }
-    file.commit();
+    AtomicOutputFile(path).write([&](std::ofstream& out) { out << text; });
 }
 
 }  // namespace
@@ -589,14 +581,7 @@ std::string writeShot(const FloatImage& pano, const Capture& cap, int index, con
                     floatToRgbe(p[0] + half, p[1] + half, p[2] + half, q);
                 }
             }
-        AtomicOutputFile file(path);
-        {
-            std::ofstream out(file.tempPath(), std::ios::binary);
-            writeRadiance(out, rgbe);
-            out.close();
-            if (!out) throw std::runtime_error("Failed to write file '" + path + "'");
-        }
-        file.commit();
+        writeRadianceFile(rgbe, path);
     } else {
         Image rgb(img.width, img.height, 3);
 #pragma omp parallel for

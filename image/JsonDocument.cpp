@@ -1,4 +1,4 @@
-#include "project/JsonDocument.h"
+#include "image/JsonDocument.h"
 
 #include <fstream>
 #include <iterator>
