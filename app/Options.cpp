@@ -1,7 +1,6 @@
 #include "app/Options.h"
 
-#include <cstdio>
-
+#include "image/FormatText.h"
 #include "image/OptionHash.h"
 
 namespace {
@@ -77,13 +76,8 @@ ParseAction parseOptions(int argc, char** argv, JobOptions& options)
 
 std::string usageText(const std::string& error, const std::string& programName)
 {
-    static const char* const kFormat =
-        "Error: %s\nUsage: %s <pts/tsp/hdr/exr file> [--output-prefix basename] [--er-width width] "
-        "[--cf-width width] [--er-exr] [--er-hdr] [--er-jpg] [--cf-exr] [--cf-jpg] [--no-auto-level] "
-        "[--logo jpg file] [--exr-compression b44|dwa|piz|zip]\n";
-    const int n = std::snprintf(nullptr, 0, kFormat, error.c_str(), programName.c_str());
-    std::string text(size_t(n) + 1, '\0');
-    std::snprintf(text.data(), text.size(), kFormat, error.c_str(), programName.c_str());
-    text.resize(size_t(n));
-    return text;
+    return formatText("Error: %s\nUsage: %s <pts/tsp/hdr/exr file> [--output-prefix basename] [--er-width width] "
+                      "[--cf-width width] [--er-exr] [--er-hdr] [--er-jpg] [--cf-exr] [--cf-jpg] [--no-auto-level] "
+                      "[--logo jpg file] [--exr-compression b44|dwa|piz|zip]\n",
+                      error.c_str(), programName.c_str());
 }

@@ -40,8 +40,8 @@ struct JpegMarker {
     std::string payload;
 };
 
-// Writes an 8-bit RGB view (pixel step 3 or more, the first three bytes R, G,
-// B) as a baseline JPEG of quality 90, with `markers` after the JFIF header.
+// Writes an 8-bit RGB view (3 or more channels, the first three R, G, B) as
+// a baseline JPEG of quality 90, with `markers` after the JFIF header.
 // "-" writes to standard output; any other path is written through an
 // AtomicOutputFile. Errors name `path`.
 void writeJpeg(const ImageView& rgb, const std::string& path, const std::vector<JpegMarker>& markers = {});

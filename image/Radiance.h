@@ -7,10 +7,9 @@
 
 #include "image/ImageView.h"
 
-// Reads a .hdr file into a packed RGBE image (pixel step 4, row stride 4 *
-// width). Throws std::runtime_error with the file name on any malformed,
-// truncated or oversized input; never allocates more than the file can
-// describe.
+// Reads a .hdr file into an RGBE image (4 channels). Throws
+// std::runtime_error with the file name on any malformed, truncated or
+// oversized input; never allocates more than the file can describe.
 Image readRadiance(const std::string& path);
 
 // Writes `rgbe` (4 bytes a pixel) to a stream opened in binary mode, run-length
