@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "app/JobEntry.h"
@@ -11,43 +12,26 @@
 #include "app/RenderPlan.h"
 #include "image/OptionHash.h"
 #include "libglutil/GLError.h"
+#include "support/Support.h"
 
 namespace {
-
-ParseAction parse(std::vector<std::string> args, JobOptions& options)
-{
-    std::vector<char*> argv;
-    for (auto& a : args)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    return parseOptions(int(args.size()), argv.data(), options);
-}
 
 JobOptions parsed(std::vector<std::string> args)
 {
     JobOptions options;
-    EXPECT_EQ(parse(std::move(args), options), ParseAction::RunJob);
+    EXPECT_EQ(support::parseArgs(std::move(args), options), ParseAction::RunJob);
     return options;
 }
 
-std::string usageErrorOf(std::vector<std::string> args)
+// What parsing throws: "usage: " and the usage error, or a library
+// exception's message.
+std::string failureOf(std::vector<std::string> args)
 {
     JobOptions o;
     try {
-        parse(std::move(args), o);
+        support::parseArgs(std::move(args), o);
     } catch (const UsageError& e) {
-        return e.what();
-    }
-    return "(no usage error)";
-}
-
-std::string logicErrorOf(const char* option)
-{
-    JobOptions o;
-    try {
-        parse({"r", "in.tsp", option}, o);
-    } catch (const UsageError&) {
-        return "usage error";
+        return std::string("usage: ") + e.what();
     } catch (const std::logic_error& e) {
         return e.what();
     }
@@ -60,50 +44,33 @@ struct LocalError : std::runtime_error {
 
 }  // namespace
 
-TEST(OptionHash, MatchesTheOptionTableWithSignExtendedBytes)
+// Only the hash decides: "kp" collides with "-v", the UTF-8 text U+04E8
+// with "-V" (bytes enter as sign-extended chars).
+TEST(OptionHash, SignExtendedBytesAndCollisions)
 {
-    const struct { const char* text; uint32_t hash; } table[] = {
-        {"--output-prefix", 0xc19c3b47}, {"--er-width", 0x88cbd9},   {"--cf-width", 0x7dedcb},
-        {"--er-exr", 0x194a71d0},        {"--er-hdr", 0x66835f61},   {"--er-jpg", 0x47802182},
-        {"--cf-exr", 0x193f93c2},        {"--cf-jpg", 0x4786be90},   {"--no-auto-level", 0x32f09c1d},
-        {"--logo", 0x655cb82e},          {"--exr-compression", 0xb3e1f509},
-        {"-v", 0x59701e},                {"-V", 0x59747e},
-        {"\xE9", (5381u * 33u) ^ 0xFFFFFFE9u},  // 0xE9 enters as a sign-extended char
-    };
-    for (const auto& row : table)
-        EXPECT_EQ(optionHash(row.text), row.hash) << row.text;
-
-    // Only the hash decides: "kp" collides with "-v", the UTF-8 text U+04E8
-    // with "-V" (through the sign extension).
+    EXPECT_EQ(optionHash("\xE9"), (5381u * 33u) ^ 0xFFFFFFE9u);
     JobOptions o;
-    EXPECT_EQ(parse({"r", "in.tsp", "kp"}, o), ParseAction::PrintVersion);
-    EXPECT_EQ(parse({"r", "in.tsp", "\xD3\xA8"}, o), ParseAction::PrintVersionAndGL);
+    EXPECT_EQ(support::parseArgs({"r", "in.tsp", "kp"}, o), ParseAction::PrintVersion);
+    EXPECT_EQ(support::parseArgs({"r", "in.tsp", "\xD3\xA8"}, o), ParseAction::PrintVersionAndGL);
 }
 
 TEST(ParseOptions, DefaultsAndEveryOption)
 {
+    // Input, output prefix, thumbnail, logo, compression, widths, levelling.
+    const auto fields = [](const JobOptions& o) {
+        return std::make_tuple(o.inputPath.string(), o.outputPrefix.string(), planInput(o).thumbnailPath,
+                               o.logoPath.string(), o.exrCompression, o.erWidth, o.cfWidth, o.autoLevel);
+    };
     const JobOptions d = parsed({"tessara-render", "/data/pano/shot.tsp"});
-    EXPECT_EQ(d.inputPath, "/data/pano/shot.tsp");
-    EXPECT_EQ(d.outputPrefix, "/data/pano/shot");
-    EXPECT_EQ(planInput(d).thumbnailPath, "/data/pano/shot thumbnail.jpg");
-    EXPECT_TRUE(d.logoPath.empty());
-    EXPECT_EQ(d.exrCompression, "dwa");
-    EXPECT_EQ(d.erWidth, 0);
-    EXPECT_EQ(d.cfWidth, 0);
-    EXPECT_TRUE(d.autoLevel);
+    EXPECT_EQ(fields(d), std::make_tuple("/data/pano/shot.tsp", "/data/pano/shot", "/data/pano/shot thumbnail.jpg", "",
+                                         "dwa", 0, 0, true));
     EXPECT_FALSE(d.writeErExr || d.writeErHdr || d.writeErJpg || d.writeCfExr || d.writeCfJpg);
     EXPECT_EQ(parsed({"r", "a.b.pts"}).outputPrefix, "a.b");  // only the last extension goes
-
-    const JobOptions o = parsed({"r", "in.pts", "--output-prefix", "x", "--er-width", "8000", "--cf-width", "2048",
-                                 "--no-auto-level", "--logo", "logo.jpg", "--exr-compression", "piz",
-                                 "--output-prefix", "out/pano"});
-    EXPECT_EQ(o.outputPrefix, "out/pano");  // the later one wins
-    EXPECT_EQ(planInput(o).thumbnailPath, "out/pano thumbnail.jpg");
-    EXPECT_EQ(o.erWidth, 8000);
-    EXPECT_EQ(o.cfWidth, 2048);
-    EXPECT_FALSE(o.autoLevel);
-    EXPECT_EQ(o.logoPath, "logo.jpg");
-    EXPECT_EQ(o.exrCompression, "piz");
+    // The later of two prefixes wins.
+    EXPECT_EQ(fields(parsed({"r", "in.pts", "--output-prefix", "x", "--er-width", "8000", "--cf-width", "2048",
+                             "--no-auto-level", "--logo", "logo.jpg", "--exr-compression", "piz", "--output-prefix",
+                             "out/pano"})),
+              std::make_tuple("in.pts", "out/pano", "out/pano thumbnail.jpg", "logo.jpg", "piz", 8000, 2048, false));
 
     // Each output flag sets its own output and no other.
     const struct { const char* flag; bool JobOptions::*field; } flags[] = {
@@ -126,26 +93,27 @@ TEST(ParseOptions, DefaultsAndEveryOption)
 
 TEST(ParseOptions, Failures)
 {
-    EXPECT_EQ(usageErrorOf({"r"}), "at least one argument required");
-    EXPECT_EQ(usageErrorOf({"r", "in.tsp", "--bogus"}), "unknown option '--bogus'");
-    EXPECT_EQ(usageErrorOf({"r", "in.tsp", "--er-jpg", "second.tsp"}), "unknown option 'second.tsp'");
-    EXPECT_EQ(usageErrorOf({"r", "in.tsp", ""}), "unknown option ''");
-
-    // Widths go through std::stoi: its prefix rule and its exceptions.
+    const struct { std::vector<std::string> args; const char* failure; } cases[] = {
+        {{"r"}, "usage: at least one argument required"},
+        {{"r", "in.tsp", "--bogus"}, "usage: unknown option '--bogus'"},
+        {{"r", "in.tsp", "--er-jpg", "second.tsp"}, "usage: unknown option 'second.tsp'"},
+        {{"r", "in.tsp", ""}, "usage: unknown option ''"},
+        // Widths go through std::stoi: its exceptions (and its prefix rule, below).
+        {{"r", "in.tsp", "--er-width", "k8"}, "stoi"},
+        {{"r", "in.tsp", "--cf-width", "99999999999"}, "stoi"},
+        // Version options stop parsing; options before them still fail first.
+        {{"r", "in.tsp", "--er-width", "x", "-v"}, "stoi"},
+        {{"r", "in.tsp", "-v", "--bogus"}, "no error"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(failureOf(c.args), c.failure) << c.args.back();
+    // A value option given last fails like constructing a string from null.
+    for (const char* option : {"--er-width", "--cf-width", "--output-prefix", "--logo", "--exr-compression"})
+        EXPECT_EQ(failureOf({"r", "in.tsp", option}), "basic_string: construction from null is not valid") << option;
     EXPECT_EQ(parsed({"r", "in.tsp", "--er-width", "8k"}).erWidth, 8);
     EXPECT_EQ(parsed({"r", "in.tsp", "--cf-width", "-512"}).cfWidth, -512);
     JobOptions o;
-    EXPECT_THROW(parse({"r", "in.tsp", "--er-width", "k8"}, o), std::invalid_argument);
-    EXPECT_THROW(parse({"r", "in.tsp", "--cf-width", "99999999999"}, o), std::out_of_range);
-
-    // A value option given last fails like constructing a string from null.
-    for (const char* option : {"--er-width", "--cf-width", "--output-prefix", "--logo", "--exr-compression"})
-        EXPECT_EQ(logicErrorOf(option), "basic_string: construction from null is not valid") << option;
-
-    // Version options stop parsing; options before them still fail first.
-    EXPECT_EQ(parse({"r", "in.tsp", "-v", "--bogus"}, o), ParseAction::PrintVersion);
-    EXPECT_EQ(parse({"r", "in.tsp", "-V", "--er-width"}, o), ParseAction::PrintVersionAndGL);
-    EXPECT_THROW(parse({"r", "in.tsp", "--er-width", "x", "-v"}, o), std::invalid_argument);
+    EXPECT_EQ(support::parseArgs({"r", "in.tsp", "-V", "--er-width"}, o), ParseAction::PrintVersionAndGL);
 }
 
 TEST(JobEntry, UsageThreadsAndFailureReport)

@@ -2,6 +2,7 @@
 // slots, widths and their messages, the upside-down rule and the half turn.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <sstream>
 #include <stdexcept>
@@ -9,6 +10,7 @@
 
 #include "image/PathUtil.h"
 #include "app/RenderPlan.h"
+#include "support/Support.h"
 
 namespace {
 Project projectOf(int images, bool withOrientation, const std::string& ext = ".jpg", int w = 6000, int h = 4000)
@@ -139,52 +141,41 @@ TEST(RenderPlan, Widths)
     for (int bad : {0, -512, 2147483647})
         EXPECT_THROW(roundCubeFaceWidth(bad, log), std::runtime_error) << bad;
 
-    EXPECT_TRUE(isRenderedEquirectSize(8000, 4000));
-    EXPECT_TRUE(isRenderedEquirectSize(20, 10));
-    EXPECT_FALSE(isRenderedEquirectSize(8001, 4000));
-    EXPECT_FALSE(isRenderedEquirectSize(8010, 4005));  // 2:1 but not a multiple of 20
-    EXPECT_FALSE(isRenderedEquirectSize(4000, 4000));
-    EXPECT_FALSE(isRenderedEquirectSize(0, 0));
+    // 2:1 and a multiple of 20 wide.
+    for (const auto& s : {std::array<int, 3>{8000, 4000, 1}, {20, 10, 1}, {8001, 4000, 0}, {8010, 4005, 0}, {4000, 4000, 0},
+                          {0, 0, 0}})
+        EXPECT_EQ(isRenderedEquirectSize(s[0], s[1]), s[2] != 0) << s[0] << "x" << s[1];
 }
 
 TEST(RenderPlan, ReversePixelsTurnsByHalfATurn)
 {
     for (int bpp : {3, 4})
-        for (int w : {3, 4}) {  // odd and even pixel counts
-            const int h = 2, n = w * h;
-            std::vector<uint8_t> pixels(size_t(n * bpp));
+        for (int n : {5, 8}) {  // pixel i moves to n-1-i with its bytes in order
+            std::vector<uint8_t> pixels(size_t(n * bpp)), want(pixels.size());
             for (size_t i = 0; i < pixels.size(); ++i)
-                pixels[i] = uint8_t(i);
-            const std::vector<uint8_t> before = pixels;
+                pixels[i] = uint8_t(i), want[(size_t(n) - 1 - i / bpp) * bpp + i % bpp] = uint8_t(i);
             reversePixels(pixels.data(), n, bpp);
-            for (int i = 0; i < n; ++i)  // pixel i moves to n-1-i with its bytes in order
-                for (int c = 0; c < bpp; ++c)
-                    EXPECT_EQ(pixels[size_t((n - 1 - i) * bpp + c)], before[size_t(i * bpp + c)]);
+            EXPECT_EQ(pixels, want) << bpp << " bytes, " << n << " pixels";
         }
 }
 
 TEST(RenderPlan, OutputFilesInTheOrderWritten)
 {
-    const auto faces = [](const std::string& prefix) {
-        std::vector<std::string> f;
+    const auto withFaces = [](std::vector<std::string> files, const std::string& prefix) {
         for (const char* letter : {"r", "l", "u", "d", "b", "f"})
-            f.push_back(prefix + "_" + letter + ".jpg");
+            files.push_back(prefix + "_" + letter + ".jpg");
         for (const char* viewer : {"pannellum.json", "marzipano.js", "psv.js", "krpano.xml"})
-            f.push_back(prefix + "_" + viewer);
-        return f;
-    };
-    const auto concat = [](std::vector<std::string> a, const std::vector<std::string>& b) {
-        a.insert(a.end(), b.begin(), b.end());
-        return a;
+            files.push_back(prefix + "_" + viewer);
+        return files;
     };
     const struct {
-        std::vector<const char*> args;
+        std::vector<std::string> args;
         std::string sourceExt;
         std::vector<std::string> files;
     } rows[] = {
         // LDR: the HDR-only outputs are not written.
         {{"r", "in.pts", "--er-width", "2400", "--er-jpg", "--cf-jpg", "--er-exr", "--cf-exr"}, ".jpg",
-         concat({"in thumbnail.jpg", "in.jpg"}, faces("in"))},
+         withFaces({"in thumbnail.jpg", "in.jpg"}, "in")},
         // HDR, no thumbnail below 2000; the cube map replaces the equirect EXR; a
         // panorama up to 1000 wide takes the thumbnail's name.
         {{"r", "a/in.tsp", "--er-width", "900", "--er-hdr", "--er-exr", "--cf-exr", "--er-jpg"}, ".hdr",
@@ -193,12 +184,8 @@ TEST(RenderPlan, OutputFilesInTheOrderWritten)
          {"o thumbnail.jpg", "o.exr"}},
     };
     for (const auto& row : rows) {
-        std::vector<char*> argv;
-        for (const char* a : row.args)
-            argv.push_back(const_cast<char*>(a));
-        argv.push_back(nullptr);
         JobOptions options;
-        ASSERT_EQ(parseOptions(int(row.args.size()), argv.data(), options), ParseAction::RunJob);
+        ASSERT_EQ(support::parseArgs(row.args, options), ParseAction::RunJob);
         RenderPlan plan = planInput(options);
         Project project = projectOf(8, false, row.sourceExt);
         std::ostringstream log;

@@ -8,6 +8,7 @@
 
 #include "tools/batch/Manifest.h"
 #include "tools/batch/Shard.h"
+#include "support/Support.h"
 #include "tools/batch/StateDir.h"
 
 namespace fs = std::filesystem;
@@ -33,10 +34,9 @@ TEST(BatchManifest, SplitsLikeAShellWithoutExpanding)
 
 TEST(BatchManifest, KeepsNumbersAndSkipsCommentsAndBlankLines)
 {
-    const fs::path path = fs::temp_directory_path() / "tessara-manifest-test.txt";
-    std::ofstream(path, std::ios::binary) << "# header\r\n\r\na.pts --er-jpg\r\n   \n  # indented\nb 'open\n";
-    const std::vector<ManifestLine> lines = readManifest(path.string());
-    fs::remove(path);
+    const support::TempDir dir;
+    support::writeFile(dir / "m.txt", "# header\r\n\r\na.pts --er-jpg\r\n   \n  # indented\nb 'open\n");
+    const std::vector<ManifestLine> lines = readManifest(dir / "m.txt");
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].number, 3);
     EXPECT_EQ(lines[0].text, "a.pts --er-jpg");
@@ -84,10 +84,9 @@ TEST(BatchShard, FromTheCommandLineAndTheEnvironment)
 
 TEST(BatchState, RecordHoldsOnlyWhileItsOutputsAndTextMatch)
 {
-    const fs::path dir = fs::temp_directory_path() / "tessara-state-test";
-    fs::remove_all(dir);
-    const StateDir state((dir / "state").string());
-    const std::string output = (dir / "pano.jpg").string();
+    const support::TempDir dir;
+    const StateDir state(dir / "state");
+    const std::string output = dir / "pano.jpg";
     std::ofstream(output, std::ios::binary) << "12345";
     const std::string text = "pano.pts --er-jpg";
 
@@ -109,7 +108,7 @@ TEST(BatchState, RecordHoldsOnlyWhileItsOutputsAndTextMatch)
     std::ofstream(temp) << "partial";
     std::ofstream(dir / "keep.jpg") << "x";
     state.journalTempFile(4, temp);
-    state.journalTempFile(4, (dir / "keep.jpg").string());  // not a temporary name
+    state.journalTempFile(4, dir / "keep.jpg");  // not a temporary name
     state.clearLeftovers(4);
     EXPECT_FALSE(fs::exists(temp));
     EXPECT_TRUE(fs::exists(dir / "keep.jpg"));
@@ -117,5 +116,4 @@ TEST(BatchState, RecordHoldsOnlyWhileItsOutputsAndTextMatch)
     const LineLock held = state.tryLock(4);
     EXPECT_TRUE(held.held());
     EXPECT_FALSE(state.tryLock(4).held());  // a second holder, even in this process
-    fs::remove_all(dir);
 }

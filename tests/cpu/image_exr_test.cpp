@@ -37,24 +37,6 @@ Imf::Header headerOf(const std::string& path)
     return Imf::InputFile(path.c_str()).header();
 }
 
-// Largest and mean error relative to each pixel's brightest channel.
-std::pair<double, double> relativeError(const ImageView& a, const ImageView& b)
-{
-    double worst = 0, sum = 0;
-    for (int32_t y = 0; y < a.height(); ++y)
-        for (int32_t x = 0; x < a.width(); ++x) {
-            float p[3], q[3];
-            rgbeToFloat(a.pixel(x, y), p);
-            rgbeToFloat(b.pixel(x, y), q);
-            const float top = std::max({p[0], p[1], p[2], 1e-30f});
-            for (int c = 0; c < 3; ++c) {
-                worst = std::max(worst, std::abs(double(p[c]) - q[c]) / top);
-                sum += std::abs(double(p[c]) - q[c]) / top;
-            }
-        }
-    return {worst, sum / (3.0 * a.width() * a.height())};
-}
-
 }  // namespace
 
 TEST(OpenExr, CompressionsRoundTripAndHeader)
@@ -79,7 +61,7 @@ TEST(OpenExr, CompressionsRoundTripAndHeader)
                         smooth.pixel(x, y));
     for (const char* compression : {"dwa", "b44"}) {
         writeEquirectExr(smooth, path, compression, "", "");
-        const auto err = relativeError(smooth, readExr(path));
+        const auto err = support::rgbeError(smooth, readExr(path));
         EXPECT_LE(err.first, 0.06) << compression;
         EXPECT_LE(err.second, 0.01) << compression;
     }

@@ -1,12 +1,9 @@
 // JPEG reading and writing, the "-" path and the failure messages.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cmath>
-#include <cstdio>
-#include <cstring>
 #include <string>
+#include <vector>
 
 #include "image/Jpeg.h"
 #include "support/Support.h"
@@ -27,6 +24,19 @@ Image photo(int32_t w, int32_t h, int channels = 3)
             p[2] = uint8_t(128 + 60 * std::sin(x * 0.2) * std::cos(y * 0.15));
         }
     return img;
+}
+
+// A 16 x 16 photo encoded by libjpeg's cjpeg with `option`.
+std::string cjpeg(const support::TempDir& dir, const std::string& option)
+{
+    const Image src = photo(16, 16);
+    support::writeFile(dir / "in.ppm", "P6\n16 16\n255\n" + std::string(reinterpret_cast<const char*>(src.data()), src.byteSize()));
+    std::vector<std::string> args{"/usr/bin/cjpeg", dir / "in.ppm"};
+    if (!option.empty())
+        args.insert(args.begin() + 1, option);
+    const support::RunResult r = support::runProgram(args);
+    EXPECT_EQ(r.status, 0) << r.err;
+    return r.out;
 }
 
 // Largest and mean absolute difference of the RGB bytes.
@@ -62,11 +72,8 @@ TEST(Jpeg, WrittenFileIsBaselineQuality90AndReadsBack)
     EXPECT_LE(err.first, 24);
 
     // libjpeg's own decoder reads the same pixels.
-    const std::string ppm = dir / "a.ppm";
-    ASSERT_EQ(std::system(("djpeg -ppm -outfile '" + ppm + "' '" + (dir / "a.jpg") + "'").c_str()), 0);
-    const std::string header = "P6\n97 61\n255\n", bytes = support::readFile(ppm);
-    ASSERT_EQ(bytes.substr(0, header.size()), header);
-    EXPECT_EQ(bytes.substr(header.size()), std::string(reinterpret_cast<const char*>(back.data()), back.byteSize()));
+    const support::RunResult ppm = support::runProgram({"/usr/bin/djpeg", "-ppm", dir / "a.jpg"});
+    EXPECT_EQ(ppm.out, "P6\n97 61\n255\n" + std::string(reinterpret_cast<const char*>(back.data()), back.byteSize()));
 
     // Baseline frame (SOF0, no SOF2); first luminance quantizer (16 * 20 + 50) / 100 = 3.
     const std::string file = support::readFile(dir / "a.jpg");
@@ -80,18 +87,9 @@ TEST(Jpeg, WrittenFileIsBaselineQuality90AndReadsBack)
     Image rgbx = photo(97, 61, 4);
     writeJpeg(rgbx, dir / "b.jpg");
     EXPECT_EQ(support::readFile(dir / "b.jpg"), file);
-    std::fflush(stdout);
-    const int saved = dup(1);
-    FILE* sink = std::fopen((dir / "stdout.jpg").c_str(), "wb");
-    ASSERT_NE(sink, nullptr);
-    dup2(fileno(sink), 1);
-    const std::string error = errorOf([&] { writeJpeg(src, "-"); });
-    std::fflush(stdout);
-    dup2(saved, 1);
-    close(saved);
-    std::fclose(sink);
-    EXPECT_EQ(error, "no error");
-    EXPECT_EQ(support::readFile(dir / "stdout.jpg"), file);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(errorOf([&] { writeJpeg(src, "-"); }), "no error");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), file);
 }
 
 TEST(Jpeg, FailuresNameTheFile)
@@ -103,9 +101,7 @@ TEST(Jpeg, FailuresNameTheFile)
     EXPECT_EQ(errorOf([&] { writeJpeg(photo(8, 8), unwritable); }),
               "Error opening file '" + unwritable + "' (with mode 'wb'): No such file or directory");
 
-    const Image src = photo(16, 16);
-    support::writeFile(dir / "in.ppm", "P6\n16 16\n255\n" + std::string(reinterpret_cast<const char*>(src.data()), src.byteSize()));
-    ASSERT_EQ(std::system(("cjpeg -grayscale -outfile '" + (dir / "grey.jpg") + "' '" + (dir / "in.ppm") + "'").c_str()), 0);
+    support::writeFile(dir / "grey.jpg", cjpeg(dir, "-grayscale"));
     EXPECT_EQ(errorOf([&] { readJpeg(dir / "grey.jpg"); }), "can not open JPEG with color format other than RGB");
 
     writeJpeg(photo(64, 48), dir / "good.jpg");
@@ -134,8 +130,6 @@ TEST(Jpeg, FramesTheFileCannotHoldAreRefusedBeforeDecoding)
     // gigabytes. Baseline and progressive files, frames beyond the data
     // and, with enough trailing bytes to pass that rule, beyond the pixel limit.
     support::TempDir dir;
-    const Image src = photo(16, 16);
-    support::writeFile(dir / "src.ppm", "P6\n16 16\n255\n" + std::string(reinterpret_cast<const char*>(src.data()), src.byteSize()));
     const std::string path = dir / "huge.jpg";
     const std::string prefix = "Error reading JPEG file '" + path + "': frame of ";
     const struct {
@@ -151,9 +145,7 @@ TEST(Jpeg, FramesTheFileCannotHoldAreRefusedBeforeDecoding)
         {"", "\xFF\xC0", 20000, 3 << 20, "20000x20000 pixels is too large"},
     };
     for (const auto& c : cases) {
-        const std::string jpg = dir / "src.jpg";
-        ASSERT_EQ(std::system(("cjpeg " + std::string(c.options) + " -outfile '" + jpg + "' '" + (dir / "src.ppm") + "'").c_str()), 0);
-        std::string bytes = support::readFile(jpg);
+        std::string bytes = cjpeg(dir, c.options);
         const size_t sof = bytes.find(c.marker);
         ASSERT_NE(sof, std::string::npos) << c.options;
         for (int k : {5, 7}) {

@@ -4,61 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <fstream>
 #include <limits>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "project/CameraMatrix.h"
 #include "project/LensModel.h"
+#include "support/Support.h"
 
 namespace {
-
-struct LensRow {
-    std::string camera;
-    LensModel lens;
-    double x, y, lon, lat;
-};
-
-std::vector<std::vector<std::string>> readTsv(const std::string& name)
-{
-    std::ifstream in(std::string(TESSARA_SOURCE_DIR "/tests/data/lens/") + name);
-    EXPECT_TRUE(in.good()) << name;
-    std::vector<std::vector<std::string>> rows;
-    std::string line;
-    std::getline(in, line);  // header
-    while (std::getline(in, line)) {
-        if (line.empty())
-            continue;
-        std::vector<std::string> cells;
-        std::stringstream ss(line);
-        std::string cell;
-        while (std::getline(ss, cell, '\t'))
-            cells.push_back(cell);
-        rows.push_back(cells);
-    }
-    return rows;
-}
-
-std::vector<LensRow> lensRows()
-{
-    std::vector<LensRow> rows;
-    for (const auto& c : readTsv("lens-vectors.tsv")) {
-        EXPECT_EQ(c.size(), 18u);
-        if (c.size() < 17)
-            continue;
-        double v[17];
-        for (int i = 1; i < 17; ++i)
-            v[i] = std::stod(c[i]);
-        LensRow r{c[0], {}, v[13], v[14], v[15], v[16]};
-        LensModel& l = r.lens;
-        l.w = int(v[1]), l.h = int(v[2]), l.fisheye = v[3] != 0, l.v = v[4];
-        l.a = v[5], l.b = v[6], l.c = v[7], l.d = v[8], l.e = v[9], l.yaw = v[10], l.pitch = v[11], l.roll = v[12];
-        rows.push_back(r);
-    }
-    return rows;
-}
 
 // Longitude difference wrapped to (-180, 180] and scaled to an arc on the
 // sphere, so rows near the poles are not penalised for meaningless longitude.
@@ -72,9 +26,9 @@ double lonError(double lon1, double lon2, double lat)
 
 TEST(LensVectors, ProjectionBothWaysAndPhotometricGain)
 {
-    const std::vector<LensRow> rows = lensRows();
+    const std::vector<support::LensRow> rows = support::lensVectors();
     ASSERT_EQ(rows.size(), 447u);  // the count stated with the data
-    for (const LensRow& r : rows) {
+    for (const support::LensRow& r : rows) {
         SCOPED_TRACE(r.camera + " lon " + std::to_string(r.lon) + " lat " + std::to_string(r.lat));
         // 1e-4 px and 1e-5 degrees for double precision (the table prints 1e-6).
         double x = 0, y = 0, lon = 0, lat = 0;
@@ -93,7 +47,7 @@ TEST(LensVectors, ProjectionBothWaysAndPhotometricGain)
         EXPECT_NEAR(yf, r.y, 0.01);
     }
 
-    const auto gains = readTsv("photometric-vectors.tsv");
+    const auto gains = support::readLensTable("photometric-vectors.tsv");
     ASSERT_EQ(gains.size(), 55u);
     for (const auto& c : gains) {
         ASSERT_EQ(c.size(), 14u);

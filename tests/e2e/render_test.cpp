@@ -33,8 +33,17 @@ using namespace support;
 namespace {
 
 const char* const kFaces[] = {"r", "l", "u", "d", "b", "f"};
-// Written beside JPEG faces for the web viewers.
-const char* const kViewerFiles[] = {"pannellum.json", "marzipano.js", "psv.js", "krpano.xml"};
+
+// The equirect JPEG of `prefix`, its thumbnail, six faces and the web viewers' files beside them.
+std::set<std::string> jpegOutputs(const std::string& prefix)
+{
+    std::set<std::string> names{prefix + ".jpg", prefix + " thumbnail.jpg"};
+    for (const char* f : kFaces)
+        names.insert(prefix + "_" + f + ".jpg");
+    for (const char* viewer : {"pannellum.json", "marzipano.js", "psv.js", "krpano.xml"})
+        names.insert(prefix + "_" + viewer);
+    return names;
+}
 
 // A smooth RGBE panorama (about 0.02 to 40, no flat areas), or one colour
 // everywhere (small files), written as a Radiance file.
@@ -55,11 +64,12 @@ Image writePanorama(const std::string& path, int width, int height, bool flat = 
 
 std::array<int, 2> jpegSize(const std::string& path)
 {
-    const std::string error = errorOf([&] { readJpeg(path); });
-    if (error != "no error")
-        return {-1, -1};
-    const Image img = readJpeg(path);
-    return {img.width(), img.height()};
+    std::array<int, 2> size{-1, -1};
+    errorOf([&] {
+        const Image img = readJpeg(path);
+        size = {img.width(), img.height()};
+    });
+    return size;
 }
 
 std::set<std::string> filesIn(const std::string& dir)
@@ -69,26 +79,6 @@ std::set<std::string> filesIn(const std::string& dir)
     for (const auto& entry : fs::directory_iterator(dir, ec))
         names.insert(entry.path().filename().string());
     return names;
-}
-
-// Largest and mean relative difference of the decoded RGB of two RGBE images.
-std::pair<double, double> rgbeDifference(const ImageView& expected, const ImageView& actual)
-{
-    if (expected.width() != actual.width() || expected.height() != actual.height())
-        return {1e9, 1e9};
-    double worst = 0, sum = 0;
-    for (int y = 0; y < expected.height(); ++y)
-        for (int x = 0; x < expected.width(); ++x) {
-            float a[3], b[3];
-            rgbeToFloat(expected.pixel(x, y), a);
-            rgbeToFloat(actual.pixel(x, y), b);
-            for (int c = 0; c < 3; ++c) {
-                const double e = std::abs(double(a[c]) - b[c]) / std::max(double(a[c]), 1e-3);
-                worst = std::max(worst, e);
-                sum += e;
-            }
-        }
-    return {worst, sum / (3.0 * expected.width() * expected.height())};
 }
 
 void expectNoServerLeft() { EXPECT_TRUE(takeOrphansNamed("Xvfb").empty()) << "an Xvfb outlived the renderer"; }
@@ -152,12 +142,10 @@ TEST(CommandLine, VersionUsageAndTopLevelFailures)
     EXPECT_EQ(unknown.out.rfind("Error: unknown option '--bogus'\nUsage: " + binPath("tessara-render") + " <pts/", 0), 0u)
         << unknown.out;
     EXPECT_EQ(unknown.err, "");
-    EXPECT_EQ(runRenderer({}).out.rfind("Error: at least one argument required\n", 0), 0u);
+    // Other failures of the options end with the failure line.
     const RunResult bad = runRenderer({"x.tsp", "--er-width", "k8"});
     EXPECT_EQ(bad.status, 255);
     EXPECT_EQ(bad.err, "Error (St16invalid_argument): stoi\n");
-    EXPECT_EQ(runRenderer({"x.tsp", "--er-width"}).err,
-              "Error (St11logic_error): basic_string: construction from null is not valid\n");
     expectNoServerLeft();
 }
 
@@ -174,11 +162,8 @@ TEST(ImageInput, EveryOutputKindFromAnEquirectImage)
     ASSERT_EQ(r.status, 0) << r.err;
     for (const char* stage : {" read hdr/exr: ", " save (equirect HDR): ", " save (equirect JPG): ", " thumbnail: "})
         EXPECT_EQ(countLinesWith(r.err, stage), 1) << stage << "\n" << r.err;
-    std::set<std::string> expected{"pano.hdr", "pano.jpg", "pano.exr", "pano thumbnail.jpg"};
-    for (const char* f : kFaces)
-        expected.insert(std::string("pano_") + f + ".jpg");
-    for (const char* f : kViewerFiles)
-        expected.insert(std::string("pano_") + f);
+    std::set<std::string> expected = jpegOutputs("pano");
+    expected.insert({"pano.hdr", "pano.exr"});
     EXPECT_EQ(filesIn(dir / "out"), expected);
     // The width option does not apply to an image; nothing touches its pixels.
     const Image hdr = readRadiance(dir / "out/pano.hdr");
@@ -200,12 +185,12 @@ TEST(ImageInput, EveryOutputKindFromAnEquirectImage)
     // RGBE fits into half here: the EXR holds the panorama up to the way back
     // to RGBE, under 1/128 relative; the mean far below.
     const Image exr = readExr(dir / "out/pano.exr");
-    const auto e = rgbeDifference(panorama, exr);
+    const auto e = rgbeError(panorama, exr);
     EXPECT_LT(e.first, 1.0 / 64);
     EXPECT_LT(e.second, 1.0 / 512);
     // Our own .exr is an input again, and its .hdr carries it on unchanged.
     ASSERT_EQ(runRenderer({dir / "out/pano.exr", "--er-hdr", "--output-prefix", dir / "again"}).status, 0);
-    EXPECT_EQ(rgbeDifference(exr, readRadiance(dir / "again.hdr")).first, 0.0);
+    EXPECT_EQ(rgbeError(exr, readRadiance(dir / "again.hdr")).first, 0.0);
 
     // Cube faces as a tiled EXR; the width message is printed though nothing changes.
     const RunResult cube = runRenderer({dir / "in.hdr", "--cf-exr", "--cf-width", "500", "--output-prefix", dir / "cube"});
@@ -260,21 +245,11 @@ TEST(Capture, LdrCaptureWritesTheEightBitOutputs)
                                      "--er-hdr", "--er-exr", "--cf-exr", "--output-prefix", out / "pano"});
     ASSERT_EQ(r.status, 0) << r.err;
     // JPEG sources render in LDR mode: the HDR switches do nothing.
-    std::set<std::string> expected{"pano.jpg", "pano thumbnail.jpg"};
-    for (const char* f : kFaces)
-        expected.insert(std::string("pano_") + f + ".jpg");
-    for (const char* f : kViewerFiles)
-        expected.insert(std::string("pano_") + f);
-    EXPECT_EQ(filesIn(out.path()), expected);
+    EXPECT_EQ(filesIn(out.path()), jpegOutputs("pano"));
     EXPECT_EQ(jpegSize(out / "pano.jpg"), (std::array<int, 2>{2400, 1200}));
     EXPECT_EQ(jpegSize(out / "pano_u.jpg"), (std::array<int, 2>{600, 600}));
     // The listing: each of the six images with its 14 values.
-    const std::regex listed("capture-0[0-5]\\.jpg( -?[0-9.e+-]+){14} ");
-    int listedLines = 0;
-    std::istringstream lines(r.err);
-    for (std::string line; std::getline(lines, line);)
-        listedLines += std::regex_match(line, listed);
-    EXPECT_EQ(listedLines, 6) << r.err;
+    EXPECT_EQ(countMatches(r.err, "capture-0[0-5]\\.jpg( -?[0-9.e+-]+){14} \n"), 6) << r.err;
     // --cf-exr asks for tile-friendly faces even where it writes nothing.
     EXPECT_EQ(countLinesWith(r.err, "Adjusting output cubeface width from 600 to 600 = 300 * 2^1."), 1) << r.err;
     EXPECT_EQ(countLinesWith(r.err, "Adjusting output equirect width"), 0);
@@ -339,7 +314,7 @@ TEST(Capture, HdrCaptureExrCarriesThumbnailAndProject)
     registerExrAttributeTypes();  // a pts input quotes the .tsp document beside it
     EXPECT_EQ(Imf::InputFile((out / "pano.exr").c_str()).header().typedAttribute<Imf::StringAttribute>("tessaraMetaData").value(),
               readFile(captures() + "/hdr/capture.tsp"));
-    const auto e = rgbeDifference(hdr, readExr(out / "pano.exr"));
+    const auto e = rgbeError(hdr, readExr(out / "pano.exr"));
     EXPECT_LT(e.first, 1.0 / 64);
     EXPECT_LT(e.second, 1.0 / 512);
 

@@ -95,12 +95,6 @@ void expectWellExposed(const ImageView& rgb, const std::string& name)
     EXPECT_LT(e[2], 160) << name;
 }
 
-int countMatches(const std::string& text, const std::string& pattern)
-{
-    const std::regex re(pattern);
-    return int(std::distance(std::sregex_iterator(text.begin(), text.end(), re), std::sregex_iterator()));
-}
-
 std::string panorama(const std::string& name) { return support::sourcePath("data/panoramas/" + name); }
 
 }  // namespace
@@ -145,11 +139,11 @@ TEST(FinishTonemapGL, ShaderMatchesCpuCurveInEveryChunkLayout)
         // one unit, rarely; a misplaced chunk or row differs almost everywhere.
         EXPECT_LE(worst, 1) << c.w;
         EXPECT_LT(double(differing) / (3.0 * c.w * c.h), 0.01) << c.w;
-        EXPECT_EQ(countMatches(log, "avgLum = [-0-9.e+]+, maxLum = [-0-9.e+]+\n"), 1) << log;
-        EXPECT_EQ(countMatches(log, std::to_string(c.cw) + "x" + std::to_string(c.ch) + ", M: -?[0-9]+, m: -?[0-9]+ -> "
+        EXPECT_EQ(support::countMatches(log, "avgLum = [-0-9.e+]+, maxLum = [-0-9.e+]+\n"), 1) << log;
+        EXPECT_EQ(support::countMatches(log, std::to_string(c.cw) + "x" + std::to_string(c.ch) + ", M: -?[0-9]+, m: -?[0-9]+ -> "
                                     "-?[0-9]+ f-stops, mean: "), c.chunks) << log;
-        EXPECT_EQ(countMatches(log, "\\[T\\] tonemap \\(total\\): [0-9.]+s\n"), 1) << log;
-        EXPECT_EQ(countMatches(log, "render \\(tonemap\\): "), c.chunks) << log;
+        EXPECT_EQ(support::countMatches(log, "\\[T\\] tonemap \\(total\\): [0-9.]+s\n"), 1) << log;
+        EXPECT_EQ(support::countMatches(log, "render \\(tonemap\\): "), c.chunks) << log;
     }
     for (const char* name : {"courtyard.exr", "city.exr"}) {
         Image image = readExr(panorama(name));

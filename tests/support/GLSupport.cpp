@@ -36,27 +36,21 @@ void installTestShaders()
     done = true;
 }
 
-std::vector<uint8_t> runPass(Shader& program, const Texture* image, int w, int h,
-                             const std::function<void()>& setUniforms, GLenum format)
+std::vector<float> runPass(const Shader& program, const Texture* image, int w, int h,
+                           const std::function<void()>& setUniforms)
 {
     program.use();
     if (image)
         image->bind(GL_TEXTURE0);
-    const RenderTarget target(w, h, format);
+    const RenderTarget target(w, h, GL_RGBA32F);
     if (setUniforms)
         setUniforms();
+    glClearColor(0, 0, 0, 0);
     glClear(GL_COLOR_BUFFER_BIT);
     fullScreenPass(w, h);
-    std::vector<uint8_t> out(size_t(w) * size_t(h) * 4);
-    target.framebuffer.read(out.data(), GL_RGBA, GL_UNSIGNED_BYTE, w, h);
+    std::vector<float> out(size_t(w) * size_t(h) * 4);
+    target.framebuffer.read(out.data(), GL_RGBA, GL_FLOAT, w, h);
     return out;
-}
-
-bool coreContext()
-{
-    GLint mask = 0;
-    glGetIntegerv(GL_CONTEXT_PROFILE_MASK, &mask);
-    return (mask & GL_CONTEXT_CORE_PROFILE_BIT) != 0;
 }
 
 }  // namespace support

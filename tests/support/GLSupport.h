@@ -1,11 +1,8 @@
 #pragma once
 // Helpers of the GL tests: deterministic bytes, the test passes in
-// tests/shaders, and running a pass over a target to read it back.
-#include <GL/glew.h>
-
+// tests/shaders, and running a pass to read its float target back.
 #include <cstdint>
 #include <functional>
-#include <string>
 #include <vector>
 
 class Shader;
@@ -20,11 +17,10 @@ std::vector<uint8_t> patternBytes(size_t count, uint32_t seed);
 // Copies tests/shaders/*.frag to where the program loads its shaders from.
 void installTestShaders();
 
-// Draws `program` over a new w x h target of `format` with `image` (if any)
-// on unit 0, after `setUniforms`, and returns the target's RGBA bytes.
-std::vector<uint8_t> runPass(Shader& program, const Texture* image, int w, int h,
-                             const std::function<void()>& setUniforms = {}, GLenum format = GL_RGBA8);
-
-bool coreContext();
+// Draws `program` over a new w x h RGBA32F target with `image` (if any) on
+// unit 0, after `setUniforms`, and returns the target's RGBA floats, rows in
+// memory order.
+std::vector<float> runPass(const Shader& program, const Texture* image, int w, int h,
+                           const std::function<void()>& setUniforms = {});
 
 }  // namespace support

@@ -8,13 +8,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
+
+#include "image/Rgbe.h"
 
 namespace fs = std::filesystem;
 
@@ -60,6 +65,15 @@ void writeFile(const std::string& path, const std::string& bytes)
 std::string sourcePath(const std::string& relative) { return std::string(TESSARA_SOURCE_DIR) + "/tests/" + relative; }
 std::string binPath(const std::string& name) { return std::string(TESSARA_BIN_DIR) + "/" + name; }
 
+ParseAction parseArgs(std::vector<std::string> args, JobOptions& options)
+{
+    std::vector<char*> argv;
+    for (auto& a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    return parseOptions(int(args.size()), argv.data(), options);
+}
+
 std::string errorOf(const std::function<void()>& f)
 {
     try {
@@ -103,6 +117,62 @@ bool samePixels(const ImageView& a, const ImageView& b, int channels)
             if (std::memcmp(a.pixel(x, y), b.pixel(x, y), size_t(channels)) != 0)
                 return false;
     return true;
+}
+
+std::vector<std::vector<std::string>> readLensTable(const std::string& name)
+{
+    std::ifstream in(sourcePath("data/lens/" + name));
+    EXPECT_TRUE(in.good()) << name;
+    std::vector<std::vector<std::string>> rows;
+    std::string line;
+    std::getline(in, line);  // header
+    while (std::getline(in, line)) {
+        std::istringstream cells(line);
+        rows.emplace_back();
+        for (std::string cell; std::getline(cells, cell, '\t');)
+            rows.back().push_back(cell);
+        if (rows.back().empty())
+            rows.pop_back();
+    }
+    return rows;
+}
+
+std::vector<LensRow> lensVectors()
+{
+    std::vector<LensRow> rows;
+    for (const auto& c : readLensTable("lens-vectors.tsv")) {
+        EXPECT_EQ(c.size(), 18u);
+        if (c.size() < 17)
+            continue;
+        double v[17];
+        for (size_t i = 1; i < 17; ++i)
+            v[i] = std::stod(c[i]);
+        LensRow r{c[0], {}, v[13], v[14], v[15], v[16]};
+        LensModel& l = r.lens;
+        l.w = int(v[1]), l.h = int(v[2]), l.fisheye = v[3] != 0, l.v = v[4];
+        l.a = v[5], l.b = v[6], l.c = v[7], l.d = v[8], l.e = v[9], l.yaw = v[10], l.pitch = v[11], l.roll = v[12];
+        rows.push_back(r);
+    }
+    return rows;
+}
+
+std::pair<double, double> rgbeError(const ImageView& a, const ImageView& b)
+{
+    if (a.width() != b.width() || a.height() != b.height())
+        return {1e9, 1e9};
+    double worst = 0, sum = 0;
+    for (int32_t y = 0; y < a.height(); ++y)
+        for (int32_t x = 0; x < a.width(); ++x) {
+            float p[3], q[3];
+            rgbeToFloat(a.pixel(x, y), p);
+            rgbeToFloat(b.pixel(x, y), q);
+            const double top = std::max({p[0], p[1], p[2], 1e-30f});
+            for (int c = 0; c < 3; ++c) {
+                worst = std::max(worst, std::abs(double(p[c]) - q[c]) / top);
+                sum += std::abs(double(p[c]) - q[c]) / top;
+            }
+        }
+    return {worst, sum / (3.0 * a.width() * a.height())};
 }
 
 RunResult runProgram(const std::vector<std::string>& args, const std::vector<std::string>& env)
@@ -186,6 +256,12 @@ int countLinesWith(const std::string& text, const std::string& needle)
     for (std::string line; std::getline(in, line);)
         n += line.find(needle) != std::string::npos;
     return n;
+}
+
+int countMatches(const std::string& text, const std::string& regex)
+{
+    const std::regex re(regex);
+    return int(std::distance(std::sregex_iterator(text.begin(), text.end(), re), std::sregex_iterator()));
 }
 
 void expectCleanFailure(const RunResult& r, const std::string& messagePart)

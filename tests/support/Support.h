@@ -7,7 +7,9 @@
 #include <utility>
 #include <vector>
 
+#include "app/Options.h"
 #include "image/ImageView.h"
+#include "project/LensModel.h"
 
 namespace support {
 
@@ -31,6 +33,9 @@ void writeFile(const std::string& path, const std::string& bytes);
 std::string sourcePath(const std::string& relative);  // tests/<relative> in the source tree
 std::string binPath(const std::string& name);         // build/bin/<name>
 
+// parseOptions over `args` (args[0] names the program).
+ParseAction parseArgs(std::vector<std::string> args, JobOptions& options);
+
 // The what() of the std::exception `f` throws, or "no error".
 std::string errorOf(const std::function<void()>& f);
 
@@ -38,6 +43,20 @@ std::string errorOf(const std::function<void()>& f);
 // noisy patches and a few black pixels, exponents in [eMin, eMax].
 Image makeRgbeImage(int32_t w, int32_t h, uint32_t seed, int eMin = 112, int eMax = 144);
 bool samePixels(const ImageView& a, const ImageView& b, int channels);
+// Largest and mean difference of the decoded values of two RGBE images,
+// relative to the brightest channel of each pixel of `a`; 1e9 for different sizes.
+std::pair<double, double> rgbeError(const ImageView& a, const ImageView& b);
+
+// Rows of a tab-separated table in tests/data/lens (header skipped).
+std::vector<std::vector<std::string>> readLensTable(const std::string& name);
+
+// The lens reference vectors: camera setup, source pixel and direction.
+struct LensRow {
+    std::string camera;
+    LensModel lens;
+    double x = 0, y = 0, lon = 0, lat = 0;
+};
+std::vector<LensRow> lensVectors();
 
 struct RunResult {
     int status = -1;  // exit status 0..255; -1 when killed by a signal
@@ -54,6 +73,7 @@ RunResult runRenderer(const std::vector<std::string>& args, const std::vector<st
 std::vector<int> takeOrphansNamed(const std::string& comm);
 
 int countLinesWith(const std::string& text, const std::string& needle);
+int countMatches(const std::string& text, const std::string& regex);
 
 // The renderer's failure contract: status 255, exactly one "Error (" line,
 // which is the last line of standard error and contains `messagePart`, and no
