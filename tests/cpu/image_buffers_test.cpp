@@ -1,5 +1,4 @@
-// Image views, the RGBE encoding, the half-float strip conversions and the
-// atomic output file.
+// Image views, the RGBE encoding and the atomic output file.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
@@ -15,7 +14,6 @@
 #include <vector>
 
 #include "image/ImageView.h"
-#include "image/OpenExr.h"
 #include "image/OutputFile.h"
 #include "image/Rgbe.h"
 #include "support/Support.h"
@@ -101,25 +99,6 @@ TEST(Rgbe, DecodeAndEncode)
     floatToRgbe(std::numeric_limits<float>::infinity(), 1.0f, 0.0f, p);
     floatToRgbe(NAN, NAN, NAN, p);
     floatToRgbe(1.0f, -1e30f, 0.0f, p);
-}
-
-TEST(HalfStrips, RgbeRoundTripIsLosslessInHalfRange)
-{
-    // E in [112, 144] is exactly representable as half: RGBE -> half -> RGBE
-    // is lossless, across the single-thread limit (256 pixels) and into a
-    // sub-view that leaves its surroundings alone.
-    for (const auto& size : {std::pair<int, int>{16, 16}, {17, 16}, {1000, 3}}) {
-        const Image src = support::makeRgbeImage(size.first, size.second, uint32_t(size.first));
-        std::vector<Imf::Rgba> strip(size_t(size.first) * size.second);
-        rgbeToHalf(src, strip.data());
-        Image canvas(size.first + 5, size.second + 2, 4);
-        const MutableImageView target = canvas.mutableView().subView(3, 1, size.first, size.second);
-        halfToRgbe(strip.data(), target);
-        EXPECT_TRUE(support::samePixels(src, target, 4)) << size.first;
-        EXPECT_EQ(canvas.pixel(2, 1)[3], 0);
-        EXPECT_EQ(canvas.pixel(size.first + 4, size.second + 1)[3], 0);
-        EXPECT_EQ(float(strip[5].a), 1.0f);
-    }
 }
 
 TEST(AtomicOutputFile, FinalNameOnlyEverHoldsACompleteFile)

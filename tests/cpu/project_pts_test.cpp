@@ -1,9 +1,11 @@
 // Import of pts stitching scripts.
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
+#include "app/RenderPlan.h"
 #include "project/PtsImport.h"
 #include "support/Support.h"
 
@@ -136,18 +138,16 @@ TEST(PtsImport, LineFormsThatMatchAndThatDoNot)
               std::vector<float>({5, 6, 7, 8}));
 }
 
-void expectSameProject(const Project& a, const Project& b)
+// Every entry as the render job lists it, with its size, and the control points.
+std::string summary(const Project& p)
 {
-    ASSERT_EQ(a.images.size(), b.images.size());
-    for (size_t i = 0; i < a.images.size(); ++i) {
-        EXPECT_EQ(a.images[i].fileName, b.images[i].fileName);
-        for (int f = 1; f <= 9; ++f)
-            EXPECT_EQ(a.images[i].linkField(f), b.images[i].linkField(f));
-        EXPECT_EQ(std::vector<float>({float(a.images[i].width), a.images[i].exposure, a.images[i].vd}),
-                  std::vector<float>({float(b.images[i].width), b.images[i].exposure, b.images[i].vd}));
-    }
-    ASSERT_EQ(a.controlPoints.size(), b.controlPoints.size());
-    EXPECT_EQ(a.controlPoints.back().y2, b.controlPoints.back().y2);
+    std::ostringstream s;
+    printProjectListing(p, s);
+    for (const ImageEntry& e : p.images)
+        s << e.width << "x" << e.height << " ";
+    for (const ControlPoint& c : p.controlPoints)
+        s << "\n" << c.image1 << " " << c.image2 << " " << c.x << " " << c.y << " " << c.x2 << " " << c.y2;
+    return s.str();
 }
 
 TEST(PtsImport, WindowsLineEndsAndLongCommentBlocks)
@@ -156,14 +156,14 @@ TEST(PtsImport, WindowsLineEndsAndLongCommentBlocks)
     std::string crlf;
     for (char ch : lf)
         crlf += ch == '\n' ? std::string("\r\n") : std::string(1, ch);
-    const Project want = importPtsScript(writeScript("lf.pts", lf));
-    expectSameProject(importPtsScript(writeScript("crlf.pts", crlf)), want);
+    const std::string want = summary(importPtsScript(writeScript("lf.pts", lf)));
+    EXPECT_EQ(summary(importPtsScript(writeScript("crlf.pts", crlf))), want);
 
     // Many option and comment lines before the images change nothing.
     std::string big;
     for (int i = 0; i < 5000; ++i)
         big += (i % 2 ? "#-option" : "# comment ") + std::to_string(i) + " some text that is not a pattern\r\n";
-    expectSameProject(importPtsScript(writeScript("big.pts", big + crlf)), want);
+    EXPECT_EQ(summary(importPtsScript(writeScript("big.pts", big + crlf))), want);
 }
 
 std::string messageOf(const std::string& path)
