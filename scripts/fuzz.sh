@@ -46,7 +46,7 @@ have_libfuzzer() {
 
 # The mutation driver shares the sanitizer build of scripts/test.sh.
 build_driver() {
-    cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" \
+    cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g1" \
         -DSANITIZE=address,undefined -DBUILD_FUZZ=ON >/dev/null
     targets=""
     for r in $readers; do targets="$targets --target fuzz-$r"; done
@@ -62,7 +62,7 @@ run_driver_round() {  # cases seed
 
 if [ "$minutes" -gt 0 ] && have_libfuzzer; then
     CC=clang CXX=clang++ cmake -S . -B build-libfuzzer -DCMAKE_BUILD_TYPE=Debug \
-        -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" -DSANITIZE=address,undefined,fuzzer-no-link \
+        -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g1" -DSANITIZE=address,undefined,fuzzer-no-link \
         -DBUILD_FUZZ=ON -DFUZZ_LIBFUZZER=ON -DBUILD_TESTS=OFF >/dev/null
     targets=""
     for r in $readers; do targets="$targets --target fuzz-$r"; done

@@ -1,9 +1,10 @@
 #!/bin/sh
 # Builds everything (Release, warnings as errors) and runs all tests, then
 # builds the unit and GL tests once more with AddressSanitizer and
-# UndefinedBehaviorSanitizer (-O1, test targets only) and runs them, without
-# the profile and texture-target variants of the GL tests, and ends with a
-# bounded fuzzing campaign over the file readers (scripts/fuzz.sh).
+# UndefinedBehaviorSanitizer (-O1, line tables only for the reports, test
+# targets only) and runs them, without the profile and texture-target
+# variants of the GL tests, and ends with a bounded fuzzing campaign over the
+# file readers (scripts/fuzz.sh).
 # No display is needed: the programs start a private X server themselves.
 set -e
 cd "$(dirname "$0")/.."
@@ -14,7 +15,7 @@ scripts/build.sh -DWERROR=ON
 (cd build && ctest --output-on-failure -j"$jobs")
 
 echo "== Unit and GL tests under AddressSanitizer and UndefinedBehaviorSanitizer"
-cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" \
+cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g1" \
     -DSANITIZE=address,undefined -DBUILD_FUZZ=ON >/dev/null
 cmake --build build-asan -j"$jobs" --target cpu_tests gl_tests
 # GL tests run with leak detection off (set in CTest): Mesa's driver
