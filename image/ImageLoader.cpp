@@ -13,6 +13,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "image/OptionHash.h"
@@ -37,21 +38,6 @@ bool isExecutableFile(const std::string& path)
 Texture rgbTexture(const Image& rgb)
 {
     return Texture::upload(rgb.width(), rgb.height(), GL_RGB8, GL_RGB, rgb.data(), rgb.view().stride());
-}
-
-Texture loadRadiance(const std::string& path)
-{
-    // Reported whether or not stage timing is on: loading an HDR source is
-    // the slow part of a render and always worth seeing.
-    StageTimer timer("[T]");
-    Image rgbe = readRadiance(path);
-    glFinish();
-    timer.markStage("read");
-
-    Texture texture = uploadRgbe(rgbe);
-    glFinish();
-    timer.markStage("cpu -> gpu");
-    return texture;
 }
 
 [[noreturn]] void throwExecError(const std::string& command, int error)
@@ -206,21 +192,89 @@ Image readRawPreview(const std::string& path)
     return rgb;
 }
 
-Texture loadImage(const std::string& path, int maxReduction, int* reduction)
+namespace {
+
+enum class SourceType { Jpeg, Raw, Radiance, Unsupported };
+
+SourceType sourceType(const std::string& path)
 {
-    if (reduction)
-        *reduction = 1;
     switch (optionHash(lowerTextAfterLastDot(path))) {
     case "jpg"_oh:
     case "jpeg"_oh:
-        return rgbTexture(readJpeg(path, maxReduction, reduction));
+        return SourceType::Jpeg;
     case "cr2"_oh:
-        return rgbTexture(readRawPreview(path));
+        return SourceType::Raw;
     case "hdr"_oh:
-        return loadRadiance(path);
+        return SourceType::Radiance;
     default:
+        return SourceType::Unsupported;
+    }
+}
+
+PendingImage::Decoded decodeSource(SourceType type, const std::string& path, int maxReduction)
+{
+    PendingImage::Decoded decoded;
+    switch (type) {
+    case SourceType::Jpeg:
+        decoded.pixels = readJpeg(path, maxReduction, &decoded.reduction);
+        break;
+    case SourceType::Raw:
+        decoded.pixels = readRawPreview(path);
+        break;
+    case SourceType::Radiance:
+        decoded.pixels = readRadiance(path);
+        break;
+    case SourceType::Unsupported:
         throw std::runtime_error("failed to open file '" + path + "': unsupported file type");
     }
+    return decoded;
+}
+
+}  // namespace
+
+PendingImage::PendingImage(const std::string& path, int maxReduction, bool inBackground)
+{
+    const SourceType type = sourceType(path);
+    radiance_ = type == SourceType::Radiance;
+    // The raw preview's size check asks the GL context for its limits, so it
+    // runs where take() is called; so does the error for an unsupported type.
+    if (inBackground && (type == SourceType::Jpeg || type == SourceType::Radiance)) {
+        try {
+            decoded_ = std::async(std::launch::async, decodeSource, type, path, maxReduction);
+            return;
+        } catch (const std::system_error&) {
+            // no thread to be had: decode in take()
+        }
+    }
+    decoded_ = std::async(std::launch::deferred, decodeSource, type, path, maxReduction);
+}
+
+Texture PendingImage::take(int* reduction)
+{
+    if (!radiance_) {
+        Decoded decoded = decoded_.get();
+        if (reduction)
+            *reduction = decoded.reduction;
+        return rgbTexture(decoded.pixels);
+    }
+    // Reported whether or not stage timing is on: loading an HDR source is
+    // the slow part of a render and always worth seeing.
+    StageTimer timer("[T]");
+    Decoded decoded = decoded_.get();
+    if (reduction)
+        *reduction = decoded.reduction;
+    glFinish();
+    timer.markStage("read");
+
+    Texture texture = uploadRgbe(decoded.pixels);
+    glFinish();
+    timer.markStage("cpu -> gpu");
+    return texture;
+}
+
+Texture loadImage(const std::string& path, int maxReduction, int* reduction)
+{
+    return PendingImage(path, maxReduction, false).take(reduction);
 }
 
 void checkLoadable(const std::string& path)

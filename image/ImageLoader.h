@@ -9,6 +9,7 @@
 // Anything else throws "failed to open file '<path>': unsupported file type".
 // Needs a current GL context; failures are std::runtime_error (opengl_error
 // for GPU limits).
+#include <future>
 #include <string>
 
 #include "image/ImageView.h"
@@ -18,6 +19,36 @@
 // readJpeg); `reduction`, when given, receives the factor used (1 for the
 // other types).
 Texture loadImage(const std::string& path, int maxReduction = 1, int* reduction = nullptr);
+
+// A source image on its way to the GPU, for callers that have other work to
+// do meanwhile: the file is decoded into memory on a worker thread (JPEG and
+// Radiance, whose decoders need no GL context; other types are decoded by
+// take() itself), and take() uploads it on the calling thread, which owns the
+// context. take() prints what loadImage prints (the "[T]" lines of a Radiance
+// source, timing what take() waited for, and its statistics line) and throws
+// what loadImage throws. Destroying a pending image waits for its decoder.
+class PendingImage {
+public:
+    PendingImage() = default;
+    // Starts decoding `path`; maxReduction as for loadImage. Without
+    // `inBackground` everything happens in take().
+    PendingImage(const std::string& path, int maxReduction, bool inBackground = true);
+    PendingImage(PendingImage&&) = default;
+    PendingImage& operator=(PendingImage&&) = default;
+
+    bool pending() const { return decoded_.valid(); }
+    // Once, on the thread that owns the GL context.
+    Texture take(int* reduction = nullptr);
+
+    struct Decoded {
+        Image pixels;  // packed RGB, or RGBE for a Radiance file
+        int reduction = 1;
+    };
+
+private:
+    bool radiance_ = false;
+    std::future<Decoded> decoded_;
+};
 
 // Throws now what loadImage(path) would throw for a file it certainly cannot
 // load: an unsupported file type, or a JPEG file that cannot be opened. Lets

@@ -79,12 +79,11 @@ public:
     void run();
 
 private:
-    Texture loadSharpened(const Shader& sharpenProgram, const std::string& path, int maxReduction = 1,
-                          int* reduction = nullptr);
-    Texture loadEntry(size_t index)
-    {
-        return loadSharpened(*sharpen_, sourcePath(index), maxReduction(images_[index]), &reductions_[index]);
-    }
+    // Loads and sharpens the next source of loadOrder_, which must be entry
+    // `index`, and starts decoding the one after it.
+    Texture loadEntry(size_t index);
+    void decodeNext();
+    Texture sharpened(Texture loaded);
     int maxReduction(const ImageEntry& entry) const;
     ImageEntry asLoaded(size_t index) const;
     // Done with a sharpened source: its storage serves the next one of the
@@ -107,6 +106,12 @@ private:
     StitchLayout layout_;
     // Factor by which each entry's source was decoded smaller.
     std::vector<int> reductions_;
+    // Entries in the order the strip loop loads them. The next one is decoded
+    // on a worker thread while the current one is sharpened and drawn; at
+    // most one decoded source waits ahead of the GPU.
+    std::vector<size_t> loadOrder_;
+    size_t loaded_ = 0;
+    PendingImage next_;
 
     float heading_ = 0;
     std::pair<float, float> correction_{0.0f, 0.0f};
@@ -153,6 +158,16 @@ void EquirectStitcher::run()
         heading_ = last.yaw;
         correction_ = {last.pitch, last.roll};
     }
+
+    loadOrder_ = {0, size_t(slots)};
+    if (!layout_.fisheye)
+        loadOrder_.push_back(size_t(slots) + 1);
+    for (int strip = 1; strip <= slots; ++strip) {
+        loadOrder_.push_back(size_t(strip));
+        if (!layout_.fisheye)
+            loadOrder_.push_back(size_t(slots + 1 + strip % slots));
+    }
+    decodeNext();
 
     stripTarget_ = RenderTarget(stripWidth_, outHeight_, GL_RGB16F);
     maskTarget_ = RenderTarget(kMaskWidth / slots, kMaskHeight, GL_RGB8);
@@ -259,12 +274,39 @@ ImageEntry EquirectStitcher::asLoaded(size_t index) const
     return entry;
 }
 
-Texture EquirectStitcher::loadSharpened(const Shader& sharpenProgram, const std::string& path, int maxReduction,
-                                        int* reduction)
+void EquirectStitcher::decodeNext()
 {
-    Texture loaded = loadImage(path, maxReduction, reduction);
-    finishStage("load (temp)");
+    if (loaded_ < loadOrder_.size()) {
+        const size_t index = loadOrder_[loaded_];
+        next_ = PendingImage(sourcePath(index), maxReduction(images_[index]));
+    }
+}
 
+Texture EquirectStitcher::loadEntry(size_t index)
+{
+    if (loaded_ >= loadOrder_.size() || loadOrder_[loaded_] != index)
+        throw std::logic_error("stitch: sources loaded out of order");
+    PendingImage current = std::move(next_);
+    ++loaded_;
+    Texture loaded = current.take(&reductions_[index]);
+    finishStage("load (temp)");
+    // Memory: the next source is decoded while this one is sharpened only
+    // while nothing else is held (the first load); later, once this one's
+    // unsharpened copy is gone, so that the decoded image takes the place of
+    // that copy and the peak stays that of loading one source at a time.
+    const bool first = loaded_ == 1;
+    if (first)
+        decodeNext();
+    Texture result = sharpened(std::move(loaded));
+    if (!first)
+        decodeNext();
+    return result;
+}
+
+// Draws the sharpen program over `loaded` into an RGBA8 texture of its size
+// and releases it.
+Texture EquirectStitcher::sharpened(Texture loaded)
+{
     Texture sharpened;
     if (spare_.width() == loaded.width() && spare_.height() == loaded.height())
         sharpened = std::move(spare_);
@@ -279,7 +321,7 @@ Texture EquirectStitcher::loadSharpened(const Shader& sharpenProgram, const std:
         glTexParameteri(Texture::target(), GL_TEXTURE_MAG_FILTER, GL_LINEAR);
         GL_CHECK();
     }
-    sharpenProgram.use();
+    sharpen_->use();
     loaded.bind(GL_TEXTURE0);
     const Framebuffer target(sharpened);
     glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
