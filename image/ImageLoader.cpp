@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -23,6 +24,7 @@
 #include "image/Jpeg.h"
 #include "image/Ppm.h"
 #include "image/Radiance.h"
+#include "image/Rgbe.h"
 #include "libglutil/BesideExecutable.h"
 
 extern char** environ;
@@ -211,19 +213,32 @@ SourceType sourceType(const std::string& path)
     }
 }
 
-PendingImage::Decoded decodeSource(SourceType type, const std::string& path, int maxReduction)
+PendingImage::Decoded decodeSource(SourceType type, const std::string& path, int eighths)
 {
     PendingImage::Decoded decoded;
     switch (type) {
     case SourceType::Jpeg:
-        decoded.pixels = readJpeg(path, maxReduction, &decoded.reduction);
+        decoded.pixels = readJpeg(path, eighths, &decoded.eighths);
         break;
     case SourceType::Raw:
         decoded.pixels = readRawPreview(path);
         break;
-    case SourceType::Radiance:
-        decoded.pixels = readRadiance(path);
+    case SourceType::Radiance: {
+        Image full = readRadiance(path);
+        decoded.fileWidth = full.width();
+        decoded.fileHeight = full.height();
+        decoded.stats = exponentStats(full);
+        int factor = 8 / std::clamp(eighths, 1, 8);
+        while (factor > 1 && (full.width() % factor != 0 || full.height() % factor != 0))
+            factor /= 2;
+        if (factor > 1) {
+            decoded.pixels = shrinkRgbe(full, factor);
+            decoded.eighths = 8 / factor;
+        } else {
+            decoded.pixels = std::move(full);
+        }
         break;
+    }
     case SourceType::Unsupported:
         throw std::runtime_error("failed to open file '" + path + "': unsupported file type");
     }
@@ -232,7 +247,7 @@ PendingImage::Decoded decodeSource(SourceType type, const std::string& path, int
 
 }  // namespace
 
-PendingImage::PendingImage(const std::string& path, int maxReduction, bool inBackground)
+PendingImage::PendingImage(const std::string& path, int eighths, bool inBackground)
 {
     const SourceType type = sourceType(path);
     radiance_ = type == SourceType::Radiance;
@@ -240,41 +255,42 @@ PendingImage::PendingImage(const std::string& path, int maxReduction, bool inBac
     // runs where take() is called; so does the error for an unsupported type.
     if (inBackground && (type == SourceType::Jpeg || type == SourceType::Radiance)) {
         try {
-            decoded_ = std::async(std::launch::async, decodeSource, type, path, maxReduction);
+            decoded_ = std::async(std::launch::async, decodeSource, type, path, eighths);
             return;
         } catch (const std::system_error&) {
             // no thread to be had: decode in take()
         }
     }
-    decoded_ = std::async(std::launch::deferred, decodeSource, type, path, maxReduction);
+    decoded_ = std::async(std::launch::deferred, decodeSource, type, path, eighths);
 }
 
-Texture PendingImage::take(int* reduction)
+Texture PendingImage::take(int* decodedEighths)
 {
     if (!radiance_) {
         Decoded decoded = decoded_.get();
-        if (reduction)
-            *reduction = decoded.reduction;
+        if (decodedEighths)
+            *decodedEighths = decoded.eighths;
         return rgbTexture(decoded.pixels);
     }
     // Reported whether or not stage timing is on: loading an HDR source is
     // the slow part of a render and always worth seeing.
     StageTimer timer("[T]");
     Decoded decoded = decoded_.get();
-    if (reduction)
-        *reduction = decoded.reduction;
+    if (decodedEighths)
+        *decodedEighths = decoded.eighths;
     glFinish();
     timer.markStage("read");
 
-    Texture texture = uploadRgbe(decoded.pixels);
+    Texture texture = rgbeTexture(decoded.pixels, decoded.stats, decoded.fileWidth, decoded.fileHeight);
+    decoded.pixels = Image();
     glFinish();
     timer.markStage("cpu -> gpu");
     return texture;
 }
 
-Texture loadImage(const std::string& path, int maxReduction, int* reduction)
+Texture loadImage(const std::string& path, int eighths, int* decodedEighths)
 {
-    return PendingImage(path, maxReduction, false).take(reduction);
+    return PendingImage(path, eighths, false).take(decodedEighths);
 }
 
 void checkLoadable(const std::string& path)
@@ -294,8 +310,13 @@ void checkLoadable(const std::string& path)
 
 Texture uploadRgbe(const ImageView& rgbe)
 {
-    const ExponentStats stats = exponentStats(rgbe);
-    printExponentStats(rgbe, stats.maxE, stats.minE, stats.mean());
+    return rgbeTexture(rgbe, exponentStats(rgbe), rgbe.width(), rgbe.height());
+}
+
+Texture rgbeTexture(const ImageView& rgbe, const ExponentStats& stats, int32_t fileWidth, int32_t fileHeight)
+{
+    // The line gives the file's size, whatever size the pixels were decoded at.
+    printExponentStats(ImageView(nullptr, fileWidth, fileHeight, 4), stats.maxE, stats.minE, stats.mean());
     Texture texture = Texture::upload(rgbe.width(), rgbe.height(), GL_RGBA8, GL_RGBA, rgbe.data(), rgbe.stride());
     texture.setExposureLevels(std::exp2(stats.mean()), std::exp2(double(stats.minE)), std::exp2(double(stats.maxE)));
     return texture;

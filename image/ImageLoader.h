@@ -12,13 +12,17 @@
 #include <future>
 #include <string>
 
+#include "image/ExponentStats.h"
 #include "image/ImageView.h"
 #include "libglutil/Texture.h"
 
-// maxReduction > 1 lets a JPEG be decoded at 1/2, 1/4 or 1/8 size (see
-// readJpeg); `reduction`, when given, receives the factor used (1 for the
-// other types).
-Texture loadImage(const std::string& path, int maxReduction = 1, int* reduction = nullptr);
+// `eighths` below 8 lets a JPEG be decoded at that many eighths of its size
+// (see readJpeg), and a Radiance image be shrunk right after decoding to 1/2,
+// 1/4 or 1/8 of its size, the largest factor up to 8 / eighths that divides
+// its sides, each pixel the mean of a block (the same pixel grid as a JPEG
+// decoded at that scale); `decodedEighths`, when given, receives the scale
+// used (8 for full size and for camera raw files).
+Texture loadImage(const std::string& path, int eighths = 8, int* decodedEighths = nullptr);
 
 // A source image on its way to the GPU, for callers that have other work to
 // do meanwhile: the file is decoded into memory on a worker thread (JPEG and
@@ -30,19 +34,23 @@ Texture loadImage(const std::string& path, int maxReduction = 1, int* reduction 
 class PendingImage {
 public:
     PendingImage() = default;
-    // Starts decoding `path`; maxReduction as for loadImage. Without
+    // Starts decoding `path`; `eighths` as for loadImage. Without
     // `inBackground` everything happens in take().
-    PendingImage(const std::string& path, int maxReduction, bool inBackground = true);
+    PendingImage(const std::string& path, int eighths, bool inBackground = true);
     PendingImage(PendingImage&&) = default;
     PendingImage& operator=(PendingImage&&) = default;
 
     bool pending() const { return decoded_.valid(); }
     // Once, on the thread that owns the GL context.
-    Texture take(int* reduction = nullptr);
+    Texture take(int* decodedEighths = nullptr);
 
     struct Decoded {
         Image pixels;  // packed RGB, or RGBE for a Radiance file
-        int reduction = 1;
+        int eighths = 8;
+        // Radiance: the file's size and exponent statistics (the loader's
+        // line tells of the file, whatever size it was decoded at).
+        int fileWidth = 0, fileHeight = 0;
+        ExponentStats stats;
     };
 
 private:
@@ -74,3 +82,5 @@ std::string toolPath(const std::string& name);
 // Uploads an RGBE image as a GL_RGBA8 texture after printing its exponent
 // statistics line and storing 2^mean, 2^min and 2^max in the texture.
 Texture uploadRgbe(const ImageView& rgbe);
+// The same with statistics already made, and the size the line gives.
+Texture rgbeTexture(const ImageView& rgbe, const ExponentStats& stats, int32_t fileWidth, int32_t fileHeight);

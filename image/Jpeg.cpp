@@ -61,8 +61,7 @@ void setupErrorManager(ErrorManager& err)
 // allocating whatever a corrupt header declares.
 constexpr long kMaxJpegWorkingMemory = 2L << 30;
 
-bool readJpegHeader(jpeg_decompress_struct* cinfo, ErrorManager* err, FILE* file, bool* created,
-                    int maxReduction)
+bool readJpegHeader(jpeg_decompress_struct* cinfo, ErrorManager* err, FILE* file, bool* created, int eighths)
 {
     if (setjmp(err->jump))
         return false;
@@ -71,12 +70,13 @@ bool readJpegHeader(jpeg_decompress_struct* cinfo, ErrorManager* err, FILE* file
     cinfo->mem->max_memory_to_use = kMaxJpegWorkingMemory;
     jpeg_stdio_src(cinfo, file);
     jpeg_read_header(cinfo, TRUE);
-    // The largest of libjpeg's DCT scalings that divides the image evenly, so
-    // that every output pixel averages whole source pixels.
-    for (unsigned s = 8; s >= 2; s /= 2)
-        if (int(s) <= maxReduction && cinfo->image_width % s == 0 && cinfo->image_height % s == 0) {
-            cinfo->scale_num = 1;
-            cinfo->scale_denom = s;
+    // The smallest of libjpeg's DCT scalings from M/8 up that shrinks the
+    // image to whole pixels, so that every output pixel stands for the same
+    // area of the source and the grid stays aligned with it.
+    for (unsigned m = unsigned(std::max(eighths, 1)); m < 8; ++m)
+        if (cinfo->image_width * m % 8 == 0 && cinfo->image_height * m % 8 == 0) {
+            cinfo->scale_num = m;
+            cinfo->scale_denom = 8;
             break;
         }
     jpeg_calc_output_dimensions(cinfo);
@@ -229,15 +229,15 @@ FILE* openFile(const std::string& path, const char* mode)
     return openFileNamed(path, mode, path);
 }
 
-Image readJpeg(const std::string& path, int maxReduction, int* reduction)
+Image readJpeg(const std::string& path, int eighths, int* decodedEighths)
 {
     FilePtr file(openFile(path, "rb"));
     struct stat st;
     const bool regular = fstat(fileno(file.get()), &st) == 0 && S_ISREG(st.st_mode);
-    return readJpeg(file.get(), regular ? uint64_t(st.st_size) : 0, path, maxReduction, reduction);
+    return readJpeg(file.get(), regular ? uint64_t(st.st_size) : 0, path, eighths, decodedEighths);
 }
 
-Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int maxReduction, int* reduction)
+Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int eighths, int* decodedEighths)
 {
     jpeg_decompress_struct cinfo;
     ErrorManager err;
@@ -254,12 +254,12 @@ Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int max
         }
     } destroy{&cinfo, &created};
 
-    if (!readJpegHeader(&cinfo, &err, file, &created, maxReduction))
+    if (!readJpegHeader(&cinfo, &err, file, &created, eighths))
         throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), err.message));
     if (cinfo.output_components != 3)
         throw std::runtime_error("can not open JPEG with color format other than RGB");
-    if (reduction)
-        *reduction = int(cinfo.scale_denom / cinfo.scale_num);
+    if (decodedEighths)
+        *decodedEighths = int(8 * cinfo.scale_num / cinfo.scale_denom);
     const std::string problem = frameProblem(cinfo, fileLength);
     if (!problem.empty())
         throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), problem.c_str()));

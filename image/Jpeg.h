@@ -19,19 +19,20 @@ FILE* openFile(const std::string& path, const char* mode);
 // top first). Anything that does not decode to 3 components throws
 // "can not open JPEG with color format other than RGB"; corrupt or truncated
 // data throws "Error reading JPEG file '%s': <libjpeg message>".
-// With maxReduction 2, 4 or 8 the image is decoded at 1/s of its size by
-// libjpeg's DCT scaling, s the largest power of two up to maxReduction that
-// divides width and height (1 when none does): output pixel (i, j) then
-// covers source pixels [s i, s i + s) x [s j, s j + s), so its centre lies at
-// source position (s i + (s - 1) / 2, s j + (s - 1) / 2) and the image
-// centre stays where it was. `reduction`, when given, receives s.
-Image readJpeg(const std::string& path, int maxReduction = 1, int* reduction = nullptr);
+// With `eighths` M below 8 the image is decoded at M/8 of its size by
+// libjpeg's DCT scaling, or at the next larger scale M'/8 (M' <= 8) at which
+// the width and the height shrink to whole numbers of pixels: output pixel
+// (i, j) then covers source pixels [8 i / M', 8 (i + 1) / M') and likewise in
+// y, so its centre lies at source position ((i + 1/2) 8 / M' - 1/2, ...) and
+// the image centre stays where it was. `decodedEighths`, when given,
+// receives M'.
+Image readJpeg(const std::string& path, int eighths = 8, int* decodedEighths = nullptr);
 
 // The same from an open stream of `fileLength` bytes (0: unknown), with
 // `path` used in messages only. Refuses, before allocating, a frame that the
 // stream is too short to encode or that exceeds the pixel limit.
-Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int maxReduction = 1,
-               int* reduction = nullptr);
+Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int eighths = 8,
+               int* decodedEighths = nullptr);
 
 // An application segment written after the JPEG's own headers: the marker
 // code (JPEG_APP0 + n) and its payload (at most 65533 bytes).

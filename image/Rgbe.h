@@ -5,6 +5,8 @@
 // must stay byte-exact with floatToRgbe).
 #include <cstdint>
 
+#include "image/ImageView.h"
+
 // Lazily built table: entry E holds 2^(E - 136).
 const float* rgbeExponentTable();
 
@@ -26,3 +28,12 @@ inline void rgbeToFloat(const uint8_t* rgbe, float* rgb3)
 // 1e-32 gives four zero bytes; negative channels are not clamped, their
 // truncated value keeps only its low 8 bits.
 void floatToRgbe(float r, float g, float b, uint8_t* rgbe4);
+
+// Encodes three non-negative floats to the nearest RGBE value (the mantissa
+// bytes rounded, the exponent raised where the largest one would reach 256).
+void floatToRgbeRounded(float r, float g, float b, uint8_t* rgbe4);
+
+// The RGBE image `factor` times smaller each way: every output pixel is the
+// mean, in linear values, of a factor x factor block of the input, whose
+// sides must be multiples of `factor`, encoded to the nearest RGBE value.
+Image shrinkRgbe(const ImageView& rgbe, int factor);

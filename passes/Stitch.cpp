@@ -72,7 +72,7 @@ public:
                      bool useOrientation, const StitchTuning& tuning)
         : panorama_(panorama), outWidth_(panorama.width()), outHeight_(panorama.height()), projectPath_(projectPath),
           images_(project.images), hdr_(hdr), useOrientation_(useOrientation), tuning_(tuning),
-          layout_(stitchLayout(project.images.size())), reductions_(project.images.size(), 1)
+          layout_(stitchLayout(project.images.size())), eighths_(project.images.size(), 8)
     {
     }
 
@@ -84,7 +84,7 @@ private:
     Texture loadEntry(size_t index);
     void decodeNext();
     Texture sharpened(Texture loaded);
-    int maxReduction(const ImageEntry& entry) const;
+    int decodeEighths(const ImageEntry& entry) const;
     ImageEntry asLoaded(size_t index) const;
     // Done with a sharpened source: its storage serves the next one of the
     // same size (allocating a 24-megapixel texture costs as much as
@@ -104,8 +104,8 @@ private:
     bool hdr_, useOrientation_;
     StitchTuning tuning_;
     StitchLayout layout_;
-    // Factor by which each entry's source was decoded smaller.
-    std::vector<int> reductions_;
+    // Eighths of its size at which each entry's source was decoded.
+    std::vector<int> eighths_;
     // Entries in the order the strip loop loads them. The next one is decoded
     // on a worker thread while the current one is sharpened and drawn; at
     // most one decoded source waits ahead of the GPU.
@@ -122,6 +122,7 @@ private:
     const Shader* draw_ = nullptr;  // from the shared program cache
     const Shader* mask_ = nullptr;
     const Shader* sharpen_ = nullptr;
+    const Shader* sharpenDirect_ = nullptr;  // for 8-bit sources in one piece
     const Shader* pack_ = nullptr;
 };
 
@@ -175,6 +176,8 @@ void EquirectStitcher::run()
     draw_ = &sharedShader("fish", std::string("#define USE_MASK\n") + (hdr_ ? "" : "#define LDR\n") + fisheyeDefine);
     mask_ = &sharedShader("fish", std::string("#define RENDER_MASK\n") + fisheyeDefine);
     sharpen_ = &sharedShader("sharpen", hdr_ ? "" : "#define LDR\n");
+    if (!hdr_)
+        sharpenDirect_ = &sharedShader("sharpen", "#define LDR\n#define DIRECT_FETCH\n");
     // In an LDR job the packing program quantises the strip to bytes instead.
     pack_ = &sharedShader("rgb2rgbe", hdr_ ? "" : "#define LDR\n");
 
@@ -247,19 +250,21 @@ std::string EquirectStitcher::sourcePath(size_t index) const
 // and more the halved image is closer to the truth).
 constexpr double kReduceAbove = 1.25;
 
-int EquirectStitcher::maxReduction(const ImageEntry& entry) const
+int EquirectStitcher::decodeEighths(const ImageEntry& entry) const
 {
     if (!tuning_.reduceSources || !(entry.fov > 0) || entry.width <= 0)
-        return 1;
+        return 8;
+    if (tuning_.decodeEighths > 0)
+        return tuning_.decodeEighths;
     const double fovRad = double(entry.fov) * kDegToRad;
     const double focal = layout_.fisheye ? entry.width / fovRad : 0.5 * entry.width / std::tan(0.5 * fovRad);
     const double k = 1.0 - double(entry.a) - double(entry.b) - double(entry.c);
     const double sourcePerDegree = focal * std::min(k, 1.0) * double(kDegToRad);
     const double outPerDegree = outWidth_ / 360.0;
-    int reduction = 1;
-    while (reduction < 8 && sourcePerDegree >= kReduceAbove * 2 * reduction * outPerDegree)
-        reduction *= 2;
-    return reduction;
+    int eighths = 8;
+    while (eighths > 1 && sourcePerDegree * eighths >= kReduceAbove * 16 * outPerDegree)
+        eighths /= 2;
+    return eighths;
 }
 
 // The entry as its loaded texture sees it: the optical centre's shift in
@@ -268,9 +273,9 @@ int EquirectStitcher::maxReduction(const ImageEntry& entry) const
 ImageEntry EquirectStitcher::asLoaded(size_t index) const
 {
     ImageEntry entry = images_[index];
-    const float reduction = float(reductions_[index]);
-    entry.d /= reduction;
-    entry.e /= reduction;
+    const float scale = float(eighths_[index]) / 8.0f;
+    entry.d *= scale;
+    entry.e *= scale;
     return entry;
 }
 
@@ -278,7 +283,7 @@ void EquirectStitcher::decodeNext()
 {
     if (loaded_ < loadOrder_.size()) {
         const size_t index = loadOrder_[loaded_];
-        next_ = PendingImage(sourcePath(index), maxReduction(images_[index]));
+        next_ = PendingImage(sourcePath(index), decodeEighths(images_[index]));
     }
 }
 
@@ -288,7 +293,7 @@ Texture EquirectStitcher::loadEntry(size_t index)
         throw std::logic_error("stitch: sources loaded out of order");
     PendingImage current = std::move(next_);
     ++loaded_;
-    Texture loaded = current.take(&reductions_[index]);
+    Texture loaded = current.take(&eighths_[index]);
     finishStage("load (temp)");
     // Memory: the next source is decoded while this one is sharpened only
     // while nothing else is held (the first load); later, once this one's
@@ -321,7 +326,11 @@ Texture EquirectStitcher::sharpened(Texture loaded)
         glTexParameteri(Texture::target(), GL_TEXTURE_MAG_FILTER, GL_LINEAR);
         GL_CHECK();
     }
-    sharpen_->use();
+    // An 8-bit source in one piece (the usual case) is read directly.
+    const Shader& program = sharpenDirect_ && !loaded.isRGBE() && loaded.count() == 1 && loaded.layers() == 1
+                                ? *sharpenDirect_
+                                : *sharpen_;
+    program.use();
     loaded.bind(GL_TEXTURE0);
     const Framebuffer target(sharpened);
     glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);

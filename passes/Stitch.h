@@ -20,9 +20,12 @@ struct StitchTuning {
     // Each source is drawn only over the part of a strip it can reach; else
     // over the whole strip (the same pixels, slower).
     bool boundDraws = true;
-    // A JPEG source with at least twice the panorama's pixels per degree is
-    // decoded at 1/2, 1/4 or 1/8 of its size (see readJpeg).
+    // A source with enough pixels per degree to spare is decoded smaller
+    // (see loadImage).
     bool reduceSources = true;
+    // With reduceSources, 1 to 8 decodes every source at that many eighths
+    // of its size (as far as its decoder can) instead (for measurements).
+    int decodeEighths = 0;
 };
 void stitchEquirect(const MutableImageView& panorama, const std::string& projectPath, Project& project, bool hdr,
                     bool useOrientation, const StitchTuning& tuning = {});

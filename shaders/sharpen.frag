@@ -12,18 +12,36 @@
 // LDR: the source is 8-bit sRGB and the result stays 8-bit sRGB (alpha 1).
 // HDR: the source is RGBE, decoded to linear light by fetchImage0; the result
 // is encoded back to RGBE bytes.
+// DIRECT_FETCH (with LDR): the source is an 8-bit image in one piece.
 
 const float AMOUNT = 0.5;
+
+// The source pixel at p, which lies inside the image. DIRECT_FETCH: the
+// source is 8-bit colour in one piece, so its texels are the values and are
+// read as they are, without the general fetch's clamping, piece selection
+// and RGBE test (the same values, read at half the cost).
+vec3 source(ivec2 p)
+{
+#if defined(DIRECT_FETCH) && __VERSION__ >= 130
+#if defined(USE_ARRAY_TEXTURE)
+    return texelFetch(texUnit0, ivec3(p, 0), 0).rgb;
+#else
+    return texelFetch(texUnit0, p, 0).rgb;
+#endif
+#else
+    return fetchImage0(p).rgb;
+#endif
+}
 
 void main()
 {
     ivec2 p = ivec2(_gl_TexCoord);
     ivec2 lim = texSize0 - ivec2(1);
-    vec3 c = fetchImage0(p).rgb;
-    vec3 l = fetchImage0(ivec2(max(p.x - 1, 0), p.y)).rgb;
-    vec3 r = fetchImage0(ivec2(min(p.x + 1, lim.x), p.y)).rgb;
-    vec3 u = fetchImage0(ivec2(p.x, max(p.y - 1, 0))).rgb;
-    vec3 d = fetchImage0(ivec2(p.x, min(p.y + 1, lim.y))).rgb;
+    vec3 c = source(p);
+    vec3 l = source(ivec2(max(p.x - 1, 0), p.y));
+    vec3 r = source(ivec2(min(p.x + 1, lim.x), p.y));
+    vec3 u = source(ivec2(p.x, max(p.y - 1, 0)));
+    vec3 d = source(ivec2(p.x, min(p.y + 1, lim.y)));
     vec3 lo = min(c, min(min(l, r), min(u, d)));
     vec3 hi = max(c, max(max(l, r), max(u, d)));
     vec3 s = clamp(c + AMOUNT * (c - 0.25 * (l + r + u + d)), lo, hi);

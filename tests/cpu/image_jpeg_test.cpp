@@ -1,6 +1,7 @@
 // JPEG reading and writing, the "-" path and the failure messages.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
@@ -158,43 +159,51 @@ TEST(Jpeg, FramesTheFileCannotHoldAreRefusedBeforeDecoding)
     }
 }
 
-// Decoding at 1/2, 1/4, 1/8 size: the largest scaling up to the limit that
-// divides both sides, each output pixel the mean of its s x s block of the
-// full decode (so its centre lies at s i + (s - 1) / 2), not of a block half
-// a step off.
-TEST(Jpeg, ReducedDecodingAveragesWholeBlocks)
+// Decoding at M/8 of the size: the smallest scale from the one asked for up
+// that shrinks both sides to whole pixels, each output pixel close to the
+// mean of the full decode over the 8/M x 8/M source area it stands for (so
+// its centre lies at (i + 1/2) 8/M - 1/2), not over an area half a step off.
+TEST(Jpeg, ReducedDecodingAveragesWholeAreas)
 {
     struct Case {
-        int w, h, maxReduction, expected;
+        int w, h, eighths, expected;
     };
     support::TempDir dir;
     const std::string path = dir / "r.jpg";
-    for (const Case c : {Case{96, 64, 8, 8}, Case{96, 64, 2, 2}, Case{100, 60, 8, 4}, Case{97, 61, 8, 1},
-                         Case{96, 64, 1, 1}}) {
-        SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h) + " /" + std::to_string(c.maxReduction));
+    for (const Case c : {Case{96, 64, 1, 1}, Case{96, 64, 4, 4}, Case{100, 60, 1, 2}, Case{97, 61, 1, 8},
+                         Case{96, 64, 5, 5}, Case{100, 60, 5, 6}, Case{96, 64, 8, 8}}) {
+        SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h) + " " + std::to_string(c.eighths) + "/8");
         writeJpeg(photo(c.w, c.h), path);
         const Image full = readJpeg(path);
-        int s = 0;
-        const Image small = readJpeg(path, c.maxReduction, &s);
-        ASSERT_EQ(s, c.expected);
-        ASSERT_EQ(small.width(), c.w / s);
-        ASSERT_EQ(small.height(), c.h / s);
-        if (s == 1)
+        int m = 0;
+        const Image small = readJpeg(path, c.eighths, &m);
+        ASSERT_EQ(m, c.expected);
+        ASSERT_EQ(small.width(), c.w * m / 8);
+        ASSERT_EQ(small.height(), c.h * m / 8);
+        if (m == 8)
             continue;
+        // Mean of the full decode over [x0, x1) x [y0, y1) (pixel edges).
+        const auto areaMean = [&](double x0, double x1, double y0, double y1, int ch) {
+            double sum = 0, weight = 0;
+            for (int y = int(y0); y < int(std::ceil(y1)); ++y)
+                for (int x = int(x0); x < int(std::ceil(x1)); ++x) {
+                    const double a = (std::min(x1, x + 1.0) - std::max(x0, double(x))) *
+                                     (std::min(y1, y + 1.0) - std::max(y0, double(y)));
+                    sum += a * full.pixel(x, y)[ch];
+                    weight += a;
+                }
+            return sum / weight;
+        };
+        const double step = 8.0 / m;
         double aligned = 0, shifted = 0;
         int n = 0;
         for (int j = 0; j + 1 < small.height(); ++j)
             for (int i = 0; i + 1 < small.width(); ++i)
                 for (int ch = 0; ch < 3; ++ch) {
-                    double block = 0, half = 0;
-                    for (int y = 0; y < s; ++y)
-                        for (int x = 0; x < s; ++x) {
-                            block += full.pixel(s * i + x, s * j + y)[ch];
-                            half += full.pixel(s * i + x + s / 2, s * j + y + s / 2)[ch];
-                        }
                     const double v = small.pixel(i, j)[ch];
-                    aligned += std::abs(v - block / (s * s));
-                    shifted += std::abs(v - half / (s * s));
+                    aligned += std::abs(v - areaMean(i * step, (i + 1) * step, j * step, (j + 1) * step, ch));
+                    shifted += std::abs(v - areaMean((i + 0.5) * step, (i + 1.5) * step, (j + 0.5) * step,
+                                                     (j + 1.5) * step, ch));
                     ++n;
                 }
         EXPECT_LE(aligned / n, 1.5);
