@@ -101,6 +101,32 @@ TEST(Rgbe, DecodeAndEncode)
     floatToRgbe(1.0f, -1e30f, 0.0f, p);
 }
 
+// Shrinking an RGBE image: each pixel the mean of its block in linear
+// values, rounded to the nearest RGBE value (a mantissa that rounds up to 256
+// moves to the next exponent instead of wrapping to 0); black stays black.
+TEST(Rgbe, ShrinkAveragesBlocksAndRounds)
+{
+    Image in(4, 2, 4);
+    const uint8_t pixels[8][4] = {
+        {128, 64, 0, 129}, {128, 64, 0, 129}, {255, 0, 0, 128}, {255, 0, 0, 128},  // top row
+        {128, 64, 0, 129}, {129, 64, 1, 129}, {255, 0, 0, 128}, {0, 0, 0, 0},      // bottom row
+    };
+    for (int i = 0; i < 8; ++i)
+        std::memcpy(in.pixel(i % 4, i / 4), pixels[i], 4);
+    const Image out = shrinkRgbe(in, 2);
+    ASSERT_EQ(out.width(), 2);
+    ASSERT_EQ(out.height(), 1);
+    // (128 + 128 + 128 + 129) / 4 = 128.25 of 2^-7: 128; green 64; blue 0.25 rounds to 0.
+    EXPECT_EQ(std::vector<uint8_t>(out.pixel(0, 0), out.pixel(0, 0) + 4), (std::vector<uint8_t>{128, 64, 0, 129}));
+    // 3 x 255 / 4 = 191.25 of 2^-8: 191.
+    EXPECT_EQ(std::vector<uint8_t>(out.pixel(1, 0), out.pixel(1, 0) + 4), (std::vector<uint8_t>{191, 0, 0, 128}));
+
+    uint8_t p[4];
+    floatToRgbeRounded(255.7f / 256.0f, 0.0f, 0.0f, p);  // 255.7 rounds to 256 = 128 of the next exponent
+    EXPECT_EQ(std::vector<uint8_t>(p, p + 4), (std::vector<uint8_t>{128, 0, 0, 129}));
+    EXPECT_THROW(shrinkRgbe(in, 3), std::invalid_argument);
+}
+
 TEST(AtomicOutputFile, FinalNameOnlyEverHoldsACompleteFile)
 {
     support::TempDir dir;
