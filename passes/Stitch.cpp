@@ -83,7 +83,9 @@ private:
     // `index`, and starts decoding the one after it.
     Texture loadEntry(size_t index);
     void decodeNext();
-    Texture sharpened(Texture loaded);
+    Texture sharpened(Texture loaded, size_t index, const std::vector<int>& strips);
+    PixelRect readablePart(size_t index, const std::vector<int>& strips, int width, int height) const;
+    float stripYaw(int strip) const;
     int decodeEighths(const ImageEntry& entry) const;
     ImageEntry asLoaded(size_t index) const;
     // Done with a sharpened source: its storage serves the next one of the
@@ -110,6 +112,7 @@ private:
     // on a worker thread while the current one is sharpened and drawn; at
     // most one decoded source waits ahead of the GPU.
     std::vector<size_t> loadOrder_;
+    std::vector<std::vector<int>> loadStrips_;  // the strips each load is drawn into
     size_t loaded_ = 0;
     PendingImage next_;
 
@@ -160,13 +163,26 @@ void EquirectStitcher::run()
         correction_ = {last.pitch, last.roll};
     }
 
+    // Entry 0 serves every strip; the left neighbour of strip 1 and the
+    // first ring-two image only that strip; every later one the strip that
+    // loads it and the next.
+    std::vector<int> allStrips;
+    for (int strip = 1; strip <= slots; ++strip)
+        allStrips.push_back(strip);
     loadOrder_ = {0, size_t(slots)};
-    if (!layout_.fisheye)
+    loadStrips_ = {allStrips, {1}};
+    if (!layout_.fisheye) {
         loadOrder_.push_back(size_t(slots) + 1);
+        loadStrips_.push_back({1});
+    }
     for (int strip = 1; strip <= slots; ++strip) {
+        const std::vector<int> strips = strip < slots ? std::vector<int>{strip, strip + 1} : std::vector<int>{strip};
         loadOrder_.push_back(size_t(strip));
-        if (!layout_.fisheye)
+        loadStrips_.push_back(strips);
+        if (!layout_.fisheye) {
             loadOrder_.push_back(size_t(slots + 1 + strip % slots));
+            loadStrips_.push_back(strips);
+        }
     }
     decodeNext();
 
@@ -292,6 +308,7 @@ Texture EquirectStitcher::loadEntry(size_t index)
     if (loaded_ >= loadOrder_.size() || loadOrder_[loaded_] != index)
         throw std::logic_error("stitch: sources loaded out of order");
     PendingImage current = std::move(next_);
+    const std::vector<int>& strips = loadStrips_[loaded_];
     ++loaded_;
     Texture loaded = current.take(&eighths_[index]);
     finishStage("load (temp)");
@@ -302,15 +319,16 @@ Texture EquirectStitcher::loadEntry(size_t index)
     const bool first = loaded_ == 1;
     if (first)
         decodeNext();
-    Texture result = sharpened(std::move(loaded));
+    Texture result = sharpened(std::move(loaded), index, strips);
     if (!first)
         decodeNext();
     return result;
 }
 
 // Draws the sharpen program over `loaded` into an RGBA8 texture of its size
-// and releases it.
-Texture EquirectStitcher::sharpened(Texture loaded)
+// and releases it. Only the part the draws of `strips` can read is sharpened;
+// the rest of the texture is never read and keeps whatever it held.
+Texture EquirectStitcher::sharpened(Texture loaded, size_t index, const std::vector<int>& strips)
 {
     Texture sharpened;
     if (spare_.width() == loaded.width() && spare_.height() == loaded.height())
@@ -330,28 +348,65 @@ Texture EquirectStitcher::sharpened(Texture loaded)
     const Shader& program = sharpenDirect_ && !loaded.isRGBE() && loaded.count() == 1 && loaded.layers() == 1
                                 ? *sharpenDirect_
                                 : *sharpen_;
+    const PixelRect part = readablePart(index, strips, loaded.width(), loaded.height());
     program.use();
     loaded.bind(GL_TEXTURE0);
     const Framebuffer target(sharpened);
-    glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
-    fullScreenPass(sharpened.width(), sharpened.height());
+    if (!part.empty()) {
+        glEnable(GL_SCISSOR_TEST);
+        glScissor(part.x0, part.y0, part.x1 - part.x0, part.y1 - part.y0);
+        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+        fullScreenPass(sharpened.width(), sharpened.height());
+        glDisable(GL_SCISSOR_TEST);
+    }
     finishStage("sharpen");
     loaded.destroy();
     return sharpened;
 }
 
+// The texels of entry `index`'s loaded texture (width x height) that its
+// draws into `strips` can read (see reachInSource); all of them with
+// unbounded draws.
+PixelRect EquirectStitcher::readablePart(size_t index, const std::vector<int>& strips, int width, int height) const
+{
+    const PixelRect whole{0, 0, width, height};
+    if (!tuning_.boundDraws)
+        return whole;
+    const ImageEntry entry = asLoaded(index);
+    LensModel lens = lensModelOf(entry, layout_.fisheye);
+    lens.w = width;
+    lens.h = height;
+    PixelRect part;
+    for (const int strip : strips) {
+        const Mat3 cameraMat =
+            cameraMatrix(entry.yaw, entry.pitch, entry.roll, correction_, {stripYaw(strip), 0.0f});
+        const PixelRect r = reachInSource(lens, cameraMat, layout_.slotAngle);
+        if (r.empty())
+            continue;
+        if (part.empty())
+            part = r;
+        part = {std::min(part.x0, r.x0), std::min(part.y0, r.y0), std::max(part.x1, r.x1), std::max(part.y1, r.y1)};
+    }
+    return part;
+}
+
+float EquirectStitcher::stripYaw(int strip) const
+{
+    const float slotAngle = layout_.slotAngle;
+    float yaw = float(strip - 1) * slotAngle - 0.5f * slotAngle;
+    if (!layout_.fisheye)
+        yaw += 0.25f * slotAngle;
+    return yaw;
+}
+
 void EquirectStitcher::drawImage(int strip, size_t entryIndex, bool openSouthFlag,
                                  const Texture& texture)
 {
-    const float slotAngle = layout_.slotAngle;
-    float stripYaw = float(strip - 1) * slotAngle - 0.5f * slotAngle;
-    if (!layout_.fisheye)
-        stripYaw += 0.25f * slotAngle;
     // Decided by entry 1's roll for every image on purpose: the whole ring
     // shares one camera orientation.
     const int openSouth = !openSouthFlag ? 0 : (std::fabs(images_[1].roll) >= 45.0f ? 2 : 1);
     const ImageEntry entry = asLoaded(entryIndex);
-    const std::pair<float, float> stripOffset{stripYaw, 0.0f};
+    const std::pair<float, float> stripOffset{stripYaw(strip), 0.0f};
     const Mat3 cameraMat = cameraMatrix(entry.yaw, entry.pitch, entry.roll, correction_, stripOffset);
 
     glEnable(GL_BLEND);

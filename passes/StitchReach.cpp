@@ -14,6 +14,12 @@ constexpr int kBorderSamples = 8192;
 constexpr int kSlack = 2;
 // A pole this close (degrees) to the border counts as inside.
 constexpr double kPoleSlack = 1.0;
+// Points along each meridian traced in source space (every 0.022 degrees).
+constexpr int kMeridianSamples = 8192;
+// Source pixels added on every side (the spacing of the traced points and
+// the float rounding of the shader), and degrees of longitude either side.
+constexpr int kSourceSlack = 4;
+constexpr double kSourceSlackDegrees = 0.25;
 
 struct LonLat {
     double lon, lat;
@@ -31,7 +37,8 @@ LonLat localLonLat(const Mat3& m, const std::array<double, 3>& c)
 
 // The border of the valid area (frame cut by the fold circle) as directions in
 // the camera frame; false when it cannot be traced.
-bool traceBorder(const LensModel& lens, std::vector<std::array<double, 3>>& border)
+bool traceBorder(const LensModel& lens, std::vector<std::array<double, 3>>& border,
+                 std::vector<std::array<double, 2>>* positions = nullptr)
 {
     const LensProjection projection(lens);
     const double w = lens.w, h = lens.h;
@@ -55,6 +62,8 @@ bool traceBorder(const LensModel& lens, std::vector<std::array<double, 3>>& bord
     // points beyond the circle onto it traces the border.
     const double perimeter = 2 * (w + h);
     border.clear();
+    if (positions)
+        positions->clear();
     double rho = -1;
     for (int i = 0; i < kBorderSamples; ++i) {
         double s = perimeter * i / kBorderSamples;
@@ -78,10 +87,14 @@ bool traceBorder(const LensModel& lens, std::vector<std::array<double, 3>>& bord
             const double sine = std::sin(foldTheta) / r;
             c = {sine * dx, sine * dy, std::cos(foldTheta)};
             rho = -1;
+            x = cx + dx * circle / r;
+            y = cy - dy * circle / r;
         } else if (!projection.toDirection(x, y, c, &rho)) {
             return false;
         }
         border.push_back(c);
+        if (positions)
+            positions->push_back({x, y});
     }
     return true;
 }
@@ -156,5 +169,51 @@ PixelRect reachInTarget(const LensModel& lensIn, const Mat3& cameraMat, float ou
     const double pixelsPerDegreeX = width / double(outFovX);
     rect.x0 = std::max(0, int(std::floor((lonMin + half) * pixelsPerDegreeX - 0.5)) - kSlack);
     rect.x1 = std::min(width, int(std::ceil((lonMax + half) * pixelsPerDegreeX - 0.5)) + 1 + kSlack);
+    return rect;
+}
+
+PixelRect reachInSource(const LensModel& lensIn, const Mat3& cameraMat, float outFovX)
+{
+    LensModel lens = lensIn;
+    lens.yaw = lens.pitch = lens.roll = 0;  // the camera frame is the world frame
+    const PixelRect whole{0, 0, lens.w, lens.h};
+    std::vector<std::array<double, 3>> border;
+    std::vector<std::array<double, 2>> positions;
+    if (lens.w <= 0 || lens.h <= 0 || !(lens.v > 0) || !traceBorder(lens, border, &positions))
+        return whole;
+
+    // The part of the image the strip sees is bounded by the stretches of
+    // the valid area's border inside the strip's longitudes and by the two
+    // meridians at the strip's edges where they cross the valid area (both
+    // poles lie on them): its extremes lie on those curves, which are traced
+    // densely (a pixel or two apart at most) and taken a little wider.
+    const double half = 0.5 * outFovX + kSourceSlackDegrees;
+    double x0 = std::numeric_limits<double>::infinity(), y0 = x0, x1 = -x0, y1 = -x0;
+    const auto add = [&](double x, double y) {
+        x0 = std::min(x0, x), x1 = std::max(x1, x);
+        y0 = std::min(y0, y), y1 = std::max(y1, y);
+    };
+    for (size_t i = 0; i < border.size(); ++i)
+        if (std::fabs(localLonLat(cameraMat, border[i]).lon) <= half)
+            add(positions[i][0], positions[i][1]);
+    const LensProjection projection(lens);
+    for (const double lon : {-half, half})
+        for (int i = 0; i <= kMeridianSamples; ++i) {
+            const std::array<double, 3> d = directionOf(lon, -90.0 + 180.0 * i / kMeridianSamples);
+            std::array<double, 3> c;
+            for (int r = 0; r < 3; ++r)
+                c[r] = double(cameraMat[r]) * d[0] + double(cameraMat[3 + r]) * d[1] + double(cameraMat[6 + r]) * d[2];
+            double x, y;
+            if (projection.toPixel(c, x, y))
+                add(x, y);
+        }
+    if (!(x0 <= x1))
+        return PixelRect{};
+    // A sample at x reads the texels floor(x) and floor(x) + 1.
+    PixelRect rect;
+    rect.x0 = std::max(0, int(std::floor(x0)) - kSourceSlack);
+    rect.y0 = std::max(0, int(std::floor(y0)) - kSourceSlack);
+    rect.x1 = std::min(lens.w, int(std::floor(x1)) + 2 + kSourceSlack);
+    rect.y1 = std::min(lens.h, int(std::floor(y1)) + 2 + kSourceSlack);
     return rect;
 }

@@ -20,3 +20,11 @@ struct PixelRect {
 // pixels of slack); when the source is not simple to bound (the optical
 // centre off the frame, more than 180 degrees off axis) it is the whole target.
 PixelRect reachInTarget(const LensModel& lens, const Mat3& cameraMat, float outFovX, int width, int height);
+
+// The texels [x0, x1) x [y0, y1) of the source texture (of lens.w x lens.h
+// pixels) that the stitching shader can read when it draws the source through
+// cameraMat into a strip of outFovX degrees of longitude: every position it
+// samples, with the bilinear filter's neighbour, and a few texels of slack.
+// Empty when the strip sees nothing of the source; the whole texture when the
+// source is not simple to bound (as for reachInTarget).
+PixelRect reachInSource(const LensModel& lens, const Mat3& cameraMat, float outFovX);

@@ -541,8 +541,9 @@ TEST(StitchCapture, HdrCaptureMatchesItsPanorama)
     EXPECT_EQ(std::count(black.begin(), black.end(), 0), std::ptrdiff_t(black.size()));
 }
 
-// Each source is drawn only over the part of the strip it can reach: the
-// result must be byte for byte that of drawing every source over the whole
+// Each source is drawn only over the part of the strip it can reach, and
+// sharpened only where those draws can read it: the result must be byte for
+// byte that of sharpening all of every source and drawing it over the whole
 // strip, with rolled, tilted, shifted and distorted lenses of both layouts.
 // The bound must also be a real one: entry 0 does not reach the fifth of the
 // rows nearest the other pole (the fisheye reaches about 45 degrees past the
@@ -586,7 +587,20 @@ TEST(StitchCapture, BoundedDrawsMatchFullStrips)
         EXPECT_TRUE(c.zenith ? r.y0 == 0 && r.y1 < 800 : r.y0 > 200 && r.y1 == 1000) << r.y0 << " " << r.y1;
         if (!fisheye) {
             EXPECT_TRUE(reach(project.images[1], project.images[1].yaw + 180.0f).empty());
+            continue;
         }
+        // A fisheye ring image's draws into the two strips beside its axis
+        // read well under the whole of it, so its sharpening is bounded too
+        // (a rectilinear one lies within them).
+        const ImageEntry& ring = project.images[1];
+        PixelRect read;
+        for (const float side : {-36.0f, 36.0f}) {
+            const PixelRect p = reachInSource(lensModelOf(ring, true),
+                                              cameraMatrix(0, ring.pitch, ring.roll, {0, 0}, {side, 0}), 72.0f);
+            read = read.empty() ? p : PixelRect{std::min(read.x0, p.x0), std::min(read.y0, p.y0),
+                                                std::max(read.x1, p.x1), std::max(read.y1, p.y1)};
+        }
+        EXPECT_LT(double(read.x1 - read.x0) * (read.y1 - read.y0), 0.8 * ring.width * ring.height);
     }
 }
 
