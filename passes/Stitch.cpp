@@ -125,7 +125,7 @@ private:
     const Shader* draw_ = nullptr;  // from the shared program cache
     const Shader* mask_ = nullptr;
     const Shader* sharpen_ = nullptr;
-    const Shader* sharpenDirect_ = nullptr;  // for 8-bit sources in one piece
+    const Shader* sharpenDirect_ = nullptr;  // for sources in one piece
     const Shader* pack_ = nullptr;
 };
 
@@ -192,8 +192,10 @@ void EquirectStitcher::run()
     draw_ = &sharedShader("fish", std::string("#define USE_MASK\n") + (hdr_ ? "" : "#define LDR\n") + fisheyeDefine);
     mask_ = &sharedShader("fish", std::string("#define RENDER_MASK\n") + fisheyeDefine);
     sharpen_ = &sharedShader("sharpen", hdr_ ? "" : "#define LDR\n");
-    if (!hdr_)
-        sharpenDirect_ = &sharedShader("sharpen", "#define LDR\n#define DIRECT_FETCH\n");
+    // For sources in one piece of the job's kind (8-bit in an LDR job, RGBE
+    // in an HDR one), a sharpen program that reads their texels directly:
+    // the same values at a lower cost.
+    sharpenDirect_ = &sharedShader("sharpen", std::string(hdr_ ? "" : "#define LDR\n") + "#define DIRECT_FETCH\n");
     // In an LDR job the packing program quantises the strip to bytes instead.
     pack_ = &sharedShader("rgb2rgbe", hdr_ ? "" : "#define LDR\n");
 
@@ -344,8 +346,8 @@ Texture EquirectStitcher::sharpened(Texture loaded, size_t index, const std::vec
         glTexParameteri(Texture::target(), GL_TEXTURE_MAG_FILTER, GL_LINEAR);
         GL_CHECK();
     }
-    // An 8-bit source in one piece (the usual case) is read directly.
-    const Shader& program = sharpenDirect_ && !loaded.isRGBE() && loaded.count() == 1 && loaded.layers() == 1
+    // A source in one piece of the job's kind (the usual case) is read directly.
+    const Shader& program = loaded.isRGBE() == hdr_ && loaded.count() == 1 && loaded.layers() == 1
                                 ? *sharpenDirect_
                                 : *sharpen_;
     const PixelRect part = readablePart(index, strips, loaded.width(), loaded.height());

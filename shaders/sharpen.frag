@@ -12,21 +12,26 @@
 // LDR: the source is 8-bit sRGB and the result stays 8-bit sRGB (alpha 1).
 // HDR: the source is RGBE, decoded to linear light by fetchImage0; the result
 // is encoded back to RGBE bytes.
-// DIRECT_FETCH (with LDR): the source is an 8-bit image in one piece.
+// DIRECT_FETCH: the source is in one piece, and 8-bit (LDR) or RGBE (HDR).
 
 const float AMOUNT = 0.5;
 
 // The source pixel at p, which lies inside the image. DIRECT_FETCH: the
-// source is 8-bit colour in one piece, so its texels are the values and are
-// read as they are, without the general fetch's clamping, piece selection
-// and RGBE test (the same values, read at half the cost).
+// source is in one piece, 8-bit colour in an LDR job and RGBE in an HDR one,
+// so its texels are read directly, without the general fetch's clamping,
+// piece selection and format test (the same values at half the cost).
 vec3 source(ivec2 p)
 {
 #if defined(DIRECT_FETCH) && __VERSION__ >= 130
 #if defined(USE_ARRAY_TEXTURE)
-    return texelFetch(texUnit0, ivec3(p, 0), 0).rgb;
+    vec4 t = texelFetch(texUnit0, ivec3(p, 0), 0);
 #else
-    return texelFetch(texUnit0, p, 0).rgb;
+    vec4 t = texelFetch(texUnit0, p, 0);
+#endif
+#if defined(LDR)
+    return t.rgb;
+#else
+    return decodeRGBE(t);
 #endif
 #else
     return fetchImage0(p).rgb;
