@@ -37,10 +37,6 @@ bool isExecutableFile(const std::string& path)
     return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
 }
 
-Texture rgbTexture(const Image& rgb)
-{
-    return Texture::upload(rgb.width(), rgb.height(), GL_RGB8, GL_RGB, rgb.data(), rgb.view().stride());
-}
 
 [[noreturn]] void throwExecError(const std::string& command, int error)
 {
@@ -213,13 +209,20 @@ SourceType sourceType(const std::string& path)
     }
 }
 
-PendingImage::Decoded decodeSource(SourceType type, const std::string& path, int eighths)
+PendingImage::Decoded decodeSource(SourceType type, const std::string& path, int eighths,
+                                   const JpegRowChoice& rows)
 {
     PendingImage::Decoded decoded;
     switch (type) {
-    case SourceType::Jpeg:
-        decoded.pixels = readJpeg(path, eighths, &decoded.eighths);
-        break;
+    case SourceType::Jpeg: {
+        JpegRows jpeg = readJpegRows(path, eighths, rows);
+        decoded.pixels = std::move(jpeg.rows);
+        decoded.firstRow = jpeg.firstRow;
+        decoded.width = jpeg.width;
+        decoded.height = jpeg.height;
+        decoded.eighths = jpeg.eighths;
+        return decoded;
+    }
     case SourceType::Raw:
         decoded.pixels = readRawPreview(path);
         break;
@@ -242,12 +245,32 @@ PendingImage::Decoded decodeSource(SourceType type, const std::string& path, int
     case SourceType::Unsupported:
         throw std::runtime_error("failed to open file '" + path + "': unsupported file type");
     }
+    decoded.width = decoded.pixels.width();
+    decoded.height = decoded.pixels.height();
     return decoded;
+}
+
+// The decoded rows in a texture of the decoded size and `internalFormat`:
+// `reuse` when it has them, else a new texture.
+Texture upload(const PendingImage::Decoded& decoded, GLenum internalFormat, GLenum pixelFormat, Texture reuse)
+{
+    const ImageView rows = decoded.pixels.view();
+    if (reuse.width() == decoded.width && reuse.height() == decoded.height &&
+        reuse.internalFormat() == internalFormat && !reuse.isMipMap()) {
+        reuse.replaceRows(decoded.firstRow, rows.height(), pixelFormat, rows.data(), rows.stride());
+        return reuse;
+    }
+    reuse.destroy();
+    if (decoded.firstRow == 0 && rows.height() == decoded.height)
+        return Texture::upload(decoded.width, decoded.height, internalFormat, pixelFormat, rows.data(), rows.stride());
+    Texture texture = Texture::renderTarget(decoded.width, decoded.height, internalFormat);
+    texture.replaceRows(decoded.firstRow, rows.height(), pixelFormat, rows.data(), rows.stride());
+    return texture;
 }
 
 }  // namespace
 
-PendingImage::PendingImage(const std::string& path, int eighths, bool inBackground)
+PendingImage::PendingImage(const std::string& path, int eighths, bool inBackground, JpegRowChoice rows)
 {
     const SourceType type = sourceType(path);
     radiance_ = type == SourceType::Radiance;
@@ -255,22 +278,22 @@ PendingImage::PendingImage(const std::string& path, int eighths, bool inBackgrou
     // runs where take() is called; so does the error for an unsupported type.
     if (inBackground && (type == SourceType::Jpeg || type == SourceType::Radiance)) {
         try {
-            decoded_ = std::async(std::launch::async, decodeSource, type, path, eighths);
+            decoded_ = std::async(std::launch::async, decodeSource, type, path, eighths, std::move(rows));
             return;
         } catch (const std::system_error&) {
             // no thread to be had: decode in take()
         }
     }
-    decoded_ = std::async(std::launch::deferred, decodeSource, type, path, eighths);
+    decoded_ = std::async(std::launch::deferred, decodeSource, type, path, eighths, std::move(rows));
 }
 
-Texture PendingImage::take(int* decodedEighths)
+Texture PendingImage::take(int* decodedEighths, Texture reuse)
 {
     if (!radiance_) {
         Decoded decoded = decoded_.get();
         if (decodedEighths)
             *decodedEighths = decoded.eighths;
-        return rgbTexture(decoded.pixels);
+        return upload(decoded, GL_RGB8, GL_RGB, std::move(reuse));
     }
     // Reported whether or not stage timing is on: loading an HDR source is
     // the slow part of a render and always worth seeing.
@@ -281,7 +304,12 @@ Texture PendingImage::take(int* decodedEighths)
     glFinish();
     timer.markStage("read");
 
-    Texture texture = rgbeTexture(decoded.pixels, decoded.stats, decoded.fileWidth, decoded.fileHeight);
+    // The line gives the file's size, whatever size the pixels were decoded at.
+    const ExponentStats& stats = decoded.stats;
+    printExponentStats(ImageView(nullptr, decoded.fileWidth, decoded.fileHeight, 4), stats.maxE, stats.minE,
+                       stats.mean());
+    Texture texture = upload(decoded, GL_RGBA8, GL_RGBA, std::move(reuse));
+    texture.setExposureLevels(std::exp2(stats.mean()), std::exp2(double(stats.minE)), std::exp2(double(stats.maxE)));
     decoded.pixels = Image();
     glFinish();
     timer.markStage("cpu -> gpu");
@@ -310,13 +338,8 @@ void checkLoadable(const std::string& path)
 
 Texture uploadRgbe(const ImageView& rgbe)
 {
-    return rgbeTexture(rgbe, exponentStats(rgbe), rgbe.width(), rgbe.height());
-}
-
-Texture rgbeTexture(const ImageView& rgbe, const ExponentStats& stats, int32_t fileWidth, int32_t fileHeight)
-{
-    // The line gives the file's size, whatever size the pixels were decoded at.
-    printExponentStats(ImageView(nullptr, fileWidth, fileHeight, 4), stats.maxE, stats.minE, stats.mean());
+    const ExponentStats stats = exponentStats(rgbe);
+    printExponentStats(rgbe, stats.maxE, stats.minE, stats.mean());
     Texture texture = Texture::upload(rgbe.width(), rgbe.height(), GL_RGBA8, GL_RGBA, rgbe.data(), rgbe.stride());
     texture.setExposureLevels(std::exp2(stats.mean()), std::exp2(double(stats.minE)), std::exp2(double(stats.maxE)));
     return texture;

@@ -14,6 +14,7 @@
 
 #include "image/ExponentStats.h"
 #include "image/ImageView.h"
+#include "image/Jpeg.h"
 #include "libglutil/Texture.h"
 
 // `eighths` below 8 lets a JPEG be decoded at that many eighths of its size
@@ -35,17 +36,25 @@ class PendingImage {
 public:
     PendingImage() = default;
     // Starts decoding `path`; `eighths` as for loadImage. Without
-    // `inBackground` everything happens in take().
-    PendingImage(const std::string& path, int eighths, bool inBackground = true);
+    // `inBackground` everything happens in take(). `rows`, when given, is
+    // asked on the decoding thread (with the decoded size and scale) which
+    // rows of a JPEG the caller will read: only those are decoded (see
+    // readJpegRows) and uploaded, the texture's other rows are left
+    // undefined. Other types are decoded and uploaded whole.
+    PendingImage(const std::string& path, int eighths, bool inBackground = true, JpegRowChoice rows = {});
     PendingImage(PendingImage&&) = default;
     PendingImage& operator=(PendingImage&&) = default;
 
     bool pending() const { return decoded_.valid(); }
-    // Once, on the thread that owns the GL context.
-    Texture take(int* decodedEighths = nullptr);
+    // Once, on the thread that owns the GL context. `reuse`, a texture this
+    // loader made before, is filled instead of making a new one when it has
+    // the decoded size and format (saving the allocation), else released.
+    Texture take(int* decodedEighths = nullptr, Texture reuse = Texture());
 
     struct Decoded {
-        Image pixels;  // packed RGB, or RGBE for a Radiance file
+        Image pixels;  // rows [firstRow, firstRow + pixels.height()): packed RGB, or RGBE for a Radiance file
+        int32_t firstRow = 0;
+        int32_t width = 0, height = 0;  // the decoded image's size
         int eighths = 8;
         // Radiance: the file's size and exponent statistics (the loader's
         // line tells of the file, whatever size it was decoded at).
@@ -82,5 +91,3 @@ std::string toolPath(const std::string& name);
 // Uploads an RGBE image as a GL_RGBA8 texture after printing its exponent
 // statistics line and storing 2^mean, 2^min and 2^max in the texture.
 Texture uploadRgbe(const ImageView& rgbe);
-// The same with statistics already made, and the size the line gives.
-Texture rgbeTexture(const ImageView& rgbe, const ExponentStats& stats, int32_t fileWidth, int32_t fileHeight);

@@ -120,15 +120,27 @@ std::string frameProblem(const jpeg_decompress_struct& cinfo, uint64_t fileLengt
     return std::string();
 }
 
-bool decodeJpegRows(jpeg_decompress_struct* cinfo, ErrorManager* err, const MutableImageView* image)
+// Decodes the rows [firstRow, firstRow + image->height()) into `image` and
+// skips the others. The last row is always decoded (into `scratch`, one row,
+// when it is not wanted): libjpeg skips to the end of the frame without
+// reading the data, which would hide a file cut short.
+bool decodeJpegRows(jpeg_decompress_struct* cinfo, ErrorManager* err, const MutableImageView* image,
+                    JDIMENSION firstRow, JSAMPROW scratch)
 {
     if (setjmp(err->jump))
         return false;
     jpeg_start_decompress(cinfo);
-    while (cinfo->output_scanline < cinfo->output_height) {
-        JSAMPROW row = image->row(int32_t(cinfo->output_scanline));
+    if (firstRow > 0)
+        jpeg_skip_scanlines(cinfo, firstRow);
+    const JDIMENSION end = firstRow + JDIMENSION(image->height());
+    while (cinfo->output_scanline < end) {
+        JSAMPROW row = image->row(int32_t(cinfo->output_scanline - firstRow));
         jpeg_read_scanlines(cinfo, &row, 1);
     }
+    if (cinfo->output_scanline + 1 < cinfo->output_height)
+        jpeg_skip_scanlines(cinfo, cinfo->output_height - 1 - cinfo->output_scanline);
+    if (cinfo->output_scanline < cinfo->output_height)
+        jpeg_read_scanlines(cinfo, &scratch, 1);
     jpeg_finish_decompress(cinfo);
     return true;
 }
@@ -229,15 +241,10 @@ FILE* openFile(const std::string& path, const char* mode)
     return openFileNamed(path, mode, path);
 }
 
-Image readJpeg(const std::string& path, int eighths, int* decodedEighths)
-{
-    FilePtr file(openFile(path, "rb"));
-    struct stat st;
-    const bool regular = fstat(fileno(file.get()), &st) == 0 && S_ISREG(st.st_mode);
-    return readJpeg(file.get(), regular ? uint64_t(st.st_size) : 0, path, eighths, decodedEighths);
-}
+namespace {
 
-Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int eighths, int* decodedEighths)
+JpegRows decodeJpeg(FILE* file, uint64_t fileLength, const std::string& path, int eighths,
+                    const JpegRowChoice& choose)
 {
     jpeg_decompress_struct cinfo;
     ErrorManager err;
@@ -258,17 +265,60 @@ Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int eig
         throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), err.message));
     if (cinfo.output_components != 3)
         throw std::runtime_error("can not open JPEG with color format other than RGB");
-    if (decodedEighths)
-        *decodedEighths = int(8 * cinfo.scale_num / cinfo.scale_denom);
+    JpegRows result;
+    result.eighths = int(8 * cinfo.scale_num / cinfo.scale_denom);
     const std::string problem = frameProblem(cinfo, fileLength);
     if (!problem.empty())
         throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), problem.c_str()));
+    result.width = int32_t(cinfo.output_width);
+    result.height = int32_t(cinfo.output_height);
+    int32_t first = 0, end = result.height;
+    if (choose) {
+        const std::pair<int32_t, int32_t> rows = choose(result.width, result.height, result.eighths);
+        first = std::clamp(rows.first, 0, result.height - 1);
+        end = std::clamp(rows.second, first + 1, result.height);
+    }
+    result.firstRow = first;
     // Image checks width x height x 3 against the allocation limit itself.
-    Image image(int32_t(cinfo.output_width), int32_t(cinfo.output_height), 3);
-    const MutableImageView pixels = image.mutableView();
-    if (!decodeJpegRows(&cinfo, &err, &pixels))
+    result.rows = Image(result.width, end - first, 3);
+    const MutableImageView pixels = result.rows.mutableView();
+    std::vector<JSAMPLE> scratch(size_t(result.width) * 3);
+    if (!decodeJpegRows(&cinfo, &err, &pixels, JDIMENSION(first), scratch.data()))
         throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), err.message));
-    return image;
+    return result;
+}
+
+FILE* openJpeg(const std::string& path, uint64_t* length)
+{
+    FILE* file = openFile(path, "rb");
+    struct stat st;
+    const bool regular = fstat(fileno(file), &st) == 0 && S_ISREG(st.st_mode);
+    *length = regular ? uint64_t(st.st_size) : 0;
+    return file;
+}
+
+}  // namespace
+
+Image readJpeg(const std::string& path, int eighths, int* decodedEighths)
+{
+    uint64_t length = 0;
+    FilePtr file(openJpeg(path, &length));
+    return readJpeg(file.get(), length, path, eighths, decodedEighths);
+}
+
+Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int eighths, int* decodedEighths)
+{
+    JpegRows decoded = decodeJpeg(file, fileLength, path, eighths, nullptr);
+    if (decodedEighths)
+        *decodedEighths = decoded.eighths;
+    return std::move(decoded.rows);
+}
+
+JpegRows readJpegRows(const std::string& path, int eighths, const JpegRowChoice& choose)
+{
+    uint64_t length = 0;
+    FilePtr file(openJpeg(path, &length));
+    return decodeJpeg(file.get(), length, path, eighths, choose);
 }
 
 void writeJpeg(const ImageView& rgb, const std::string& path, const std::vector<JpegMarker>& markers)

@@ -4,7 +4,9 @@
 // turned into exceptions instead of ending the process.
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "image/ImageView.h"
@@ -33,6 +35,25 @@ Image readJpeg(const std::string& path, int eighths = 8, int* decodedEighths = n
 // stream is too short to encode or that exceeds the pixel limit.
 Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int eighths = 8,
                int* decodedEighths = nullptr);
+
+// Part of a decoded JPEG image: the rows [firstRow, firstRow + rows.height())
+// of an image of width x height pixels decoded at `eighths` (see readJpeg).
+struct JpegRows {
+    Image rows;
+    int32_t firstRow = 0;
+    int32_t width = 0, height = 0;
+    int eighths = 8;
+};
+
+// Called once the decoded size is known; returns the rows [first, end) to
+// keep (clamped to the image, at least one row).
+using JpegRowChoice = std::function<std::pair<int32_t, int32_t>(int32_t width, int32_t height, int eighths)>;
+
+// readJpeg that keeps only the rows `choose` asks for: the others are
+// skipped, entropy-decoded but neither transformed nor converted, so damage
+// anywhere in the file is still found. The rows kept are those of the whole
+// decode.
+JpegRows readJpegRows(const std::string& path, int eighths, const JpegRowChoice& choose);
 
 // An application segment written after the JPEG's own headers: the marker
 // code (JPEG_APP0 + n) and its payload (at most 65533 bytes).

@@ -44,6 +44,9 @@ void setUniform1i(GLint program, const char* base, int index, int v)
         glUniform1i(loc, v);
 }
 
+void uploadRows(GLenum target, int w, int firstRow, int rows, int layers, GLenum pixelFormat, const uint8_t* data,
+                int rowStride);
+
 // Allocates one piece (or, in array mode, all its layers) on the bound target
 // and uploads `data` in bands. In array mode `layers` > 1 means the left and the
 // right half of the image go to layers 0 and 1.
@@ -72,27 +75,36 @@ void storePiece(GLenum target, GLuint& name, int w, int h, int layers, bool mip,
     }
     GL_CHECK();
 
-    const int channels = channelsOf(pixelFormat);
-    glPixelStorei(GL_UNPACK_ROW_LENGTH, rowStride / channels);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, rowStride % 4 == 0 ? 4 : 1);
     if (data) {
-        for (int layer = 0; layer < layers; ++layer) {
-            const uint8_t* base = data + size_t(layer) * size_t(w) * size_t(channels);
-            for (int y = 0; y < h; y += kUploadBand) {
-                const int rows = std::min(kUploadBand, h - y);
-                const uint8_t* src = base + size_t(y) * size_t(rowStride);
-                if (target == GL_TEXTURE_2D_ARRAY)
-                    glTexSubImage3D(target, 0, 0, y, layer, w, rows, 1, pixelFormat, GL_UNSIGNED_BYTE, src);
-                else
-                    glTexSubImage2D(target, 0, 0, y, w, rows, pixelFormat, GL_UNSIGNED_BYTE, src);
-            }
-        }
+        uploadRows(target, w, 0, h, layers, pixelFormat, data, rowStride);
         if (mip)
             glGenerateMipmap(target);
     }
+    GL_CHECK();
+}
+
+// Uploads rows [firstRow, firstRow + rows) of the piece bound on `target`
+// (w pixels wide; in array mode `layers` > 1 sends the left and the right
+// half of the image to layers 0 and 1) from `data`, its first row, in bands.
+void uploadRows(GLenum target, int w, int firstRow, int rows, int layers, GLenum pixelFormat, const uint8_t* data,
+                int rowStride)
+{
+    const int channels = channelsOf(pixelFormat);
+    glPixelStorei(GL_UNPACK_ROW_LENGTH, rowStride / channels);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, rowStride % 4 == 0 ? 4 : 1);
+    for (int layer = 0; layer < layers; ++layer) {
+        const uint8_t* base = data + size_t(layer) * size_t(w) * size_t(channels);
+        for (int y = 0; y < rows; y += kUploadBand) {
+            const int band = std::min(kUploadBand, rows - y);
+            const uint8_t* src = base + size_t(y) * size_t(rowStride);
+            if (target == GL_TEXTURE_2D_ARRAY)
+                glTexSubImage3D(target, 0, 0, firstRow + y, layer, w, band, 1, pixelFormat, GL_UNSIGNED_BYTE, src);
+            else
+                glTexSubImage2D(target, 0, 0, firstRow + y, w, band, pixelFormat, GL_UNSIGNED_BYTE, src);
+        }
+    }
     glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
     glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-    GL_CHECK();
 }
 
 }  // namespace
@@ -224,6 +236,27 @@ void Texture::allocate(int width, int height, GLenum internalFormat, GLenum pixe
         storePiece(target(), s_.names[1], s_.tileWidth, s_.tileHeight, 1, s_.isMipMap, internalFormat, pixelFormat,
                    right, rowStride);
     }
+}
+
+void Texture::replaceRows(int firstRow, int rows, GLenum pixelFormat, const void* data, int rowStride)
+{
+    if (firstRow < 0 || rows < 0 || firstRow + rows > s_.height)
+        throw std::out_of_range("Texture::replaceRows: rows outside the texture");
+    if (rows == 0)
+        return;
+    if (rowStride == 0)
+        rowStride = s_.width * channelsOf(pixelFormat);
+    GLint previous = 0;
+    const bool array = target() == GL_TEXTURE_2D_ARRAY;
+    glGetIntegerv(array ? GL_TEXTURE_BINDING_2D_ARRAY : GL_TEXTURE_BINDING_2D, &previous);
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    for (int k = 0; k < s_.count; ++k) {
+        glBindTexture(target(), s_.names[k]);
+        uploadRows(target(), s_.tileWidth, firstRow, rows, s_.layers, pixelFormat,
+                   bytes + size_t(k) * size_t(s_.tileWidth) * size_t(channelsOf(pixelFormat)), rowStride);
+    }
+    glBindTexture(target(), GLuint(previous));
+    GL_CHECK();
 }
 
 GLenum Texture::bind(GLenum unit) const

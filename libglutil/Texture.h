@@ -33,6 +33,12 @@ public:
     // drawn into through a Framebuffer.
     static Texture renderTarget(int width, int height, GLenum internalFormat);
 
+    // Replaces rows [firstRow, firstRow + rows) of an uploaded texture with
+    // `data`, the first of those rows (pixelFormat and rowStride as for
+    // upload); size, format and sampling stay, a mipmap chain is not remade.
+    // Throws std::out_of_range for rows outside the texture.
+    void replaceRows(int firstRow, int rows, GLenum pixelFormat, const void* data, int rowStride = 0);
+
     // Binds the pieces to unit, unit + 1, ... and sets the per-unit uniforms
     // (texSize<i>, texIsRGBE<i>, texIsHDR<i>, texIsMipMap<i>, tileSize<i> below
     // GL 3.0) on the current program. Returns the first unit after them.

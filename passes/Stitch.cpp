@@ -83,11 +83,12 @@ private:
     // `index`, and starts decoding the one after it.
     Texture loadEntry(size_t index);
     void decodeNext();
-    Texture sharpened(Texture loaded, size_t index, const std::vector<int>& strips);
-    PixelRect readablePart(size_t index, const std::vector<int>& strips, int width, int height) const;
+    Texture sharpened(Texture& loaded, size_t index, const std::vector<int>& strips);
+    PixelRect readablePart(size_t index, const std::vector<int>& strips, int width, int height, int eighths) const;
     float stripYaw(int strip) const;
     int decodeEighths(const ImageEntry& entry) const;
-    ImageEntry asLoaded(size_t index) const;
+    ImageEntry asLoaded(size_t index) const { return asLoaded(index, eighths_[index]); }
+    ImageEntry asLoaded(size_t index, int eighths) const;
     // Done with a sharpened source: its storage serves the next one of the
     // same size (allocating a 24-megapixel texture costs as much as
     // sharpening it).
@@ -114,7 +115,6 @@ private:
     std::vector<size_t> loadOrder_;
     std::vector<std::vector<int>> loadStrips_;  // the strips each load is drawn into
     size_t loaded_ = 0;
-    PendingImage next_;
 
     float heading_ = 0;
     std::pair<float, float> correction_{0.0f, 0.0f};
@@ -122,11 +122,15 @@ private:
 
     RenderTarget stripTarget_, maskTarget_, byteBand_;
     Texture spare_;
+    Texture unsharpened_;  // the last source as loaded, filled again by the next
     const Shader* draw_ = nullptr;  // from the shared program cache
     const Shader* mask_ = nullptr;
     const Shader* sharpen_ = nullptr;
     const Shader* sharpenDirect_ = nullptr;  // for sources in one piece
     const Shader* pack_ = nullptr;
+    // Declared last so that it goes first: its decoder thread reads the
+    // members above.
+    PendingImage next_;
 };
 
 void checkSizes(const StitchLayout& layout, const std::vector<ImageEntry>& images, const MutableImageView& panorama,
@@ -288,10 +292,10 @@ int EquirectStitcher::decodeEighths(const ImageEntry& entry) const
 // The entry as its loaded texture sees it: the optical centre's shift in
 // pixels of the decoded image. Everything else of the lens scales with the
 // texture's size, which the shader reads.
-ImageEntry EquirectStitcher::asLoaded(size_t index) const
+ImageEntry EquirectStitcher::asLoaded(size_t index, int eighths) const
 {
     ImageEntry entry = images_[index];
-    const float scale = float(eighths_[index]) / 8.0f;
+    const float scale = float(eighths) / 8.0f;
     entry.d *= scale;
     entry.e *= scale;
     return entry;
@@ -299,10 +303,19 @@ ImageEntry EquirectStitcher::asLoaded(size_t index) const
 
 void EquirectStitcher::decodeNext()
 {
-    if (loaded_ < loadOrder_.size()) {
-        const size_t index = loadOrder_[loaded_];
-        next_ = PendingImage(sourcePath(index), decodeEighths(images_[index]));
-    }
+    if (loaded_ >= loadOrder_.size())
+        return;
+    const size_t index = loadOrder_[loaded_];
+    // Only the rows the sharpening reads are decoded and uploaded: those its
+    // draws can read and one more either side. Asked on the decoding thread,
+    // which reads only what the strip loop leaves alone.
+    const std::vector<int> strips = loadStrips_[loaded_];
+    const auto rows = [this, index, strips](int32_t width, int32_t height, int eighths) {
+        const PixelRect part = readablePart(index, strips, width, height, eighths);
+        return part.empty() ? std::pair<int32_t, int32_t>{0, 1}
+                            : std::pair<int32_t, int32_t>{part.y0 - 1, part.y1 + 1};
+    };
+    next_ = PendingImage(sourcePath(index), decodeEighths(images_[index]), true, rows);
 }
 
 Texture EquirectStitcher::loadEntry(size_t index)
@@ -312,25 +325,33 @@ Texture EquirectStitcher::loadEntry(size_t index)
     PendingImage current = std::move(next_);
     const std::vector<int>& strips = loadStrips_[loaded_];
     ++loaded_;
-    Texture loaded = current.take(&eighths_[index]);
+    // In an LDR job the unsharpened texture of the last load is filled again
+    // (sources are all of a size), so that loading allocates nothing on the
+    // GPU side. In an HDR job it is let go after sharpening: the RGBE strip
+    // made for every readback takes its place.
+    Texture loaded = current.take(&eighths_[index], std::move(unsharpened_));
     finishStage("load (temp)");
     // Memory: the next source is decoded while this one is sharpened only
-    // while nothing else is held (the first load); later, once this one's
-    // unsharpened copy is gone, so that the decoded image takes the place of
-    // that copy and the peak stays that of loading one source at a time.
+    // while nothing else is held (the first load); later, once this one is
+    // sharpened, so that the peak stays that of loading one source at a
+    // time.
     const bool first = loaded_ == 1;
     if (first)
         decodeNext();
-    Texture result = sharpened(std::move(loaded), index, strips);
+    Texture result = sharpened(loaded, index, strips);
+    if (hdr_)
+        loaded.destroy();
+    else
+        unsharpened_ = std::move(loaded);
     if (!first)
         decodeNext();
     return result;
 }
 
-// Draws the sharpen program over `loaded` into an RGBA8 texture of its size
-// and releases it. Only the part the draws of `strips` can read is sharpened;
-// the rest of the texture is never read and keeps whatever it held.
-Texture EquirectStitcher::sharpened(Texture loaded, size_t index, const std::vector<int>& strips)
+// Draws the sharpen program over `loaded` into an RGBA8 texture of its size.
+// Only the part the draws of `strips` can read is sharpened; the rest of the
+// texture is never read and keeps whatever it held.
+Texture EquirectStitcher::sharpened(Texture& loaded, size_t index, const std::vector<int>& strips)
 {
     Texture sharpened;
     if (spare_.width() == loaded.width() && spare_.height() == loaded.height())
@@ -350,7 +371,7 @@ Texture EquirectStitcher::sharpened(Texture loaded, size_t index, const std::vec
     const Shader& program = loaded.isRGBE() == hdr_ && loaded.count() == 1 && loaded.layers() == 1
                                 ? *sharpenDirect_
                                 : *sharpen_;
-    const PixelRect part = readablePart(index, strips, loaded.width(), loaded.height());
+    const PixelRect part = readablePart(index, strips, loaded.width(), loaded.height(), eighths_[index]);
     program.use();
     loaded.bind(GL_TEXTURE0);
     const Framebuffer target(sharpened);
@@ -362,19 +383,19 @@ Texture EquirectStitcher::sharpened(Texture loaded, size_t index, const std::vec
         glDisable(GL_SCISSOR_TEST);
     }
     finishStage("sharpen");
-    loaded.destroy();
     return sharpened;
 }
 
 // The texels of entry `index`'s loaded texture (width x height) that its
 // draws into `strips` can read (see reachInSource); all of them with
 // unbounded draws.
-PixelRect EquirectStitcher::readablePart(size_t index, const std::vector<int>& strips, int width, int height) const
+PixelRect EquirectStitcher::readablePart(size_t index, const std::vector<int>& strips, int width, int height,
+                                         int eighths) const
 {
     const PixelRect whole{0, 0, width, height};
     if (!tuning_.boundDraws)
         return whole;
-    const ImageEntry entry = asLoaded(index);
+    const ImageEntry entry = asLoaded(index, eighths);
     LensModel lens = lensModelOf(entry, layout_.fisheye);
     lens.w = width;
     lens.h = height;

@@ -210,3 +210,35 @@ TEST(Jpeg, ReducedDecodingAveragesWholeAreas)
         EXPECT_GT(shifted / n, 2 * aligned / n);
     }
 }
+
+// Decoding only some rows: they are exactly those of the whole decode, at
+// full size and scaled, at the top, inside and at the bottom of the frame
+// (colour is subsampled, so rows share chroma with their neighbours); a
+// file cut short fails though the damage lies in rows that were skipped.
+TEST(Jpeg, RowsOfADecodeAreThoseOfTheWholeOne)
+{
+    struct Case {
+        int eighths, first, end;
+    };
+    support::TempDir dir;
+    const std::string path = dir / "rows.jpg";
+    writeJpeg(photo(160, 120), path);
+    for (const Case c : {Case{8, 0, 17}, Case{8, 37, 90}, Case{8, 101, 200}, Case{4, 13, 45}, Case{5, 30, 75}}) {
+        SCOPED_TRACE(std::to_string(c.eighths) + ": " + std::to_string(c.first));
+        const Image whole = readJpeg(path, c.eighths);
+        const JpegRows part = readJpegRows(path, c.eighths, [&](int32_t w, int32_t h, int eighths) {
+            EXPECT_EQ(w, whole.width());
+            EXPECT_EQ(h, whole.height());
+            EXPECT_EQ(eighths, c.eighths);
+            return std::pair<int32_t, int32_t>{c.first, c.end};
+        });
+        const int32_t end = std::min(c.end, whole.height());
+        ASSERT_EQ(part.firstRow, c.first);
+        ASSERT_EQ(part.rows.height(), end - c.first);
+        EXPECT_TRUE(std::equal(part.rows.data(), part.rows.data() + part.rows.byteSize(), whole.pixel(0, c.first)));
+    }
+    std::string bytes = support::readFile(path);
+    support::writeFile(path, bytes.substr(0, bytes.size() * 3 / 4));
+    const auto firstRows = [](int32_t, int32_t, int) { return std::pair<int32_t, int32_t>{0, 10}; };
+    EXPECT_EQ(errorOf([&] { readJpegRows(path, 8, firstRows); }).rfind("Error reading JPEG file", 0), 0u);
+}
