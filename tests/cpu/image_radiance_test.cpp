@@ -5,7 +5,6 @@
 #include <ImfArray.h>
 #include <ImfRgbaFile.h>
 
-#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>

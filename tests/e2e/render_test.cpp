@@ -5,9 +5,7 @@
 // with one "Error (" line, leave no partial file and no private X server.
 #include <gtest/gtest.h>
 
-#include <ImfEnvmap.h>
 #include <ImfInputFile.h>
-#include <ImfStandardAttributes.h>
 #include <ImfStringAttribute.h>
 #include <ImfTiledRgbaFile.h>
 
@@ -19,7 +17,6 @@
 #include <fstream>
 #include <regex>
 #include <set>
-#include <sstream>
 
 #include "image/Jpeg.h"
 #include "image/OpenExr.h"

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>

@@ -119,40 +119,22 @@ bool samePixels(const ImageView& a, const ImageView& b, int channels)
     return true;
 }
 
-std::vector<std::vector<std::string>> readLensTable(const std::string& name)
-{
-    std::ifstream in(sourcePath("data/lens/" + name));
-    EXPECT_TRUE(in.good()) << name;
-    std::vector<std::vector<std::string>> rows;
-    std::string line;
-    std::getline(in, line);  // header
-    while (std::getline(in, line)) {
-        std::istringstream cells(line);
-        rows.emplace_back();
-        for (std::string cell; std::getline(cells, cell, '\t');)
-            rows.back().push_back(cell);
-        if (rows.back().empty())
-            rows.pop_back();
-    }
-    return rows;
-}
-
 std::vector<LensRow> lensVectors()
 {
+    std::ifstream in(sourcePath("data/lens/lens-vectors.tsv"));
+    std::string line;
+    std::getline(in, line);  // header
     std::vector<LensRow> rows;
-    for (const auto& c : readLensTable("lens-vectors.tsv")) {
-        EXPECT_EQ(c.size(), 18u);
-        if (c.size() < 17)
-            continue;
-        double v[17];
-        for (size_t i = 1; i < 17; ++i)
-            v[i] = std::stod(c[i]);
-        LensRow r{c[0], {}, v[13], v[14], v[15], v[16]};
+    for (LensRow r; in >> r.camera;) {
         LensModel& l = r.lens;
-        l.w = int(v[1]), l.h = int(v[2]), l.fisheye = v[3] != 0, l.v = v[4];
-        l.a = v[5], l.b = v[6], l.c = v[7], l.d = v[8], l.e = v[9], l.yaw = v[10], l.pitch = v[11], l.roll = v[12];
+        int type = 0;
+        in >> l.w >> l.h >> type >> l.v >> l.a >> l.b >> l.c >> l.d >> l.e >> l.yaw >> l.pitch >> l.roll >> r.x >> r.y >>
+            r.lon >> r.lat;
+        in.ignore(1 << 16, '\n');  // the angle off the axis
+        l.fisheye = type != 0;
         rows.push_back(r);
     }
+    EXPECT_FALSE(in.bad());
     return rows;
 }
 

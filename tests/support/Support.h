@@ -47,10 +47,8 @@ bool samePixels(const ImageView& a, const ImageView& b, int channels);
 // relative to the brightest channel of each pixel of `a`; 1e9 for different sizes.
 std::pair<double, double> rgbeError(const ImageView& a, const ImageView& b);
 
-// Rows of a tab-separated table in tests/data/lens (header skipped).
-std::vector<std::vector<std::string>> readLensTable(const std::string& name);
-
-// The lens reference vectors: camera setup, source pixel and direction.
+// The lens reference vectors (tests/data/lens): camera setup, source pixel
+// and direction.
 struct LensRow {
     std::string camera;
     LensModel lens;
