@@ -222,7 +222,6 @@ TEST(FinishCubeFacesGL, TilePyramid)
     const Vec centre = directionColour(cubeFaceDirection(5, 1023.5, 1023.5, 2048));
     for (int k = 0; k < 3; ++k)
         EXPECT_NEAR(whole.pixel(256, 256)[k], centre[k] - 3, 5) << k;
-
 }
 
 // The logo as a viewer sees it: in the d face, round, centred, upright and
