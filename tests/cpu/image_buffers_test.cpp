@@ -1,4 +1,5 @@
-// Image views, the RGBE encoding and the atomic output file.
+// Image views, the RGBE encoding, the camera colour matrices and the atomic
+// output file.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
@@ -13,6 +14,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "image/Colour.h"
 #include "image/ImageView.h"
 #include "image/OutputFile.h"
 #include "image/Rgbe.h"
@@ -125,6 +127,19 @@ TEST(Rgbe, ShrinkAveragesBlocksAndRounds)
     floatToRgbeRounded(255.7f / 256.0f, 0.0f, 0.0f, p);  // 255.7 rounds to 256 = 128 of the next exponent
     EXPECT_EQ(std::vector<uint8_t>(p, p + 4), (std::vector<uint8_t>{128, 0, 0, 129}));
     EXPECT_THROW(shrinkRgbe(in, 3), std::invalid_argument);
+}
+
+// Each camera's colour matrix keeps white white (every row sums to 1);
+// widths outside the table have none.
+TEST(Colour, CameraMatricesKeepWhite)
+{
+    for (const int width : {3666, 3753, 3868, 4500, 5856}) {
+        const ColourMatrix* m = cameraColourMatrix(width);
+        ASSERT_NE(m, nullptr) << width;
+        for (size_t r = 0; r < 3; ++r)
+            EXPECT_NEAR((*m)[r] + (*m)[3 + r] + (*m)[6 + r], 1.0, 1e-5) << width << ", row " << r;
+    }
+    EXPECT_EQ(cameraColourMatrix(1234), nullptr);
 }
 
 TEST(AtomicOutputFile, FinalNameOnlyEverHoldsACompleteFile)
