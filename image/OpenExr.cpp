@@ -69,6 +69,11 @@ namespace fs = std::filesystem;
 namespace pt = boost::property_tree;
 
 constexpr int kStripRows = 256;
+// Rows handed to the library per write: the library compresses the chunks of
+// one write in parallel, and a DWAB chunk holds 256 rows, so 1024 rows keep
+// its threads busy where 256 would leave all but one idle. The file's bytes
+// do not depend on it.
+constexpr int kWriteRows = 1024;
 // Files embedded into the header: a thumbnail JPEG and a JSON document.
 // Attribute sizes are 32-bit; anything near that is not one of those.
 constexpr uintmax_t kMaxEmbeddedFile = uintmax_t(1) << 30;
@@ -459,9 +464,9 @@ void writeEquirectExr(const ImageView& rgbe, const std::string& path, const std:
     writeExrFile(path, [&](Imf::OStream& stream) {
         Imf::RgbaOutputFile out(stream, header, Imf::WRITE_RGB, Imf::globalThreadCount());
         const int64_t width = rgbe.width();
-        std::vector<Imf::Rgba> strip(size_t(std::min(kStripRows, rgbe.height())) * size_t(width));
-        for (int32_t y = 0; y < rgbe.height(); y += kStripRows) {
-            const int32_t rows = std::min(kStripRows, rgbe.height() - y);
+        std::vector<Imf::Rgba> strip(size_t(std::min(kWriteRows, rgbe.height())) * size_t(width));
+        for (int32_t y = 0; y < rgbe.height(); y += kWriteRows) {
+            const int32_t rows = std::min(kWriteRows, rgbe.height() - y);
             rgbeToHalf(rgbe.subView(0, y, rgbe.width(), rows), strip.data());
             out.setFrameBuffer(stripBase(strip.data(), 0, y, width), 1, size_t(width));
             out.writePixels(rows);
