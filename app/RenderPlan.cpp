@@ -5,14 +5,19 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
 #include "image/PathUtil.h"
 #include "image/FormatText.h"
+#include "image/OpenExr.h"
+#include "image/Radiance.h"
 #include "passes/CubeFaces.h"
 #include "passes/WebViewers.h"
+#include "project/PtsImport.h"
+#include "project/TspProject.h"
 
 void printProjectListing(const Project& project, std::ostream& log)
 {
@@ -183,6 +188,27 @@ void planOutputs(RenderPlan& plan, std::ostream& log)
         for (const TextOutput& viewer : webViewerFiles(plan.cubeFaceWidth, plan.outputPrefix))
             files.push_back(viewer.path);
     }
+}
+
+RenderPlan planJob(const JobOptions& options)
+{
+    std::ostringstream discarded;  // console lines belong to the run that renders
+    RenderPlan plan = planInput(options);
+    if (plan.isProject()) {
+        Project project = plan.input == InputKind::TspProject ? loadTspProject(plan.inputPath)
+                                                              : importPtsScript(plan.inputPath);
+        planProject(plan, project, discarded);
+    } else {
+        const auto [width, height] = plan.input == InputKind::RadianceImage ? radianceSize(plan.inputPath)
+                                                                            : exrSize(plan.inputPath);
+        planImageInput(plan, width, height, discarded);
+        if (plan.tonemapOnly) {
+            plan.outputFiles = {plan.tonemapOnlyPath()};
+            return plan;
+        }
+    }
+    planOutputs(plan, discarded);
+    return plan;
 }
 
 void printPlan(const RenderPlan& plan, std::ostream& out)

@@ -75,6 +75,11 @@ void planImageInput(RenderPlan& plan, int32_t width, int32_t height, std::ostrea
 // width that cannot be written.
 void planOutputs(RenderPlan& plan, std::ostream& log);
 
+// The whole plan of a job without rendering anything: loads the project, or
+// reads only the header of an image input; prints nothing. Throws what the
+// job would throw for the same options and files up to that point.
+RenderPlan planJob(const JobOptions& options);
+
 // The plan in a few lines, for reading (not a console line of the job).
 void printPlan(const RenderPlan& plan, std::ostream& out);
 

@@ -7,8 +7,10 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include <ImfIO.h>
@@ -487,9 +489,8 @@ namespace {
 
 Image readRgba(Imf::RgbaInputFile& in, const std::string& path);
 
-}  // namespace
-
-Image readExr(const std::string& path)
+// Opens a .exr file for reading once its header has been walked and checked.
+std::unique_ptr<Imf::RgbaInputFile> openExr(const std::string& path)
 {
     registerExrAttributeTypes();
     // A file that cannot be opened is left to the library, whose message
@@ -502,13 +503,11 @@ Image readExr(const std::string& path)
         HeaderWalker(stream, uint64_t(length), path).check();
     }
     file.close();
-    Imf::RgbaInputFile in(path.c_str(), Imf::globalThreadCount());
-    return readRgba(in, path);
+    return std::make_unique<Imf::RgbaInputFile>(path.c_str(), Imf::globalThreadCount());
 }
 
-namespace {
-
-Image readRgba(Imf::RgbaInputFile& in, const std::string& path)
+// The size of the data window, refused when its pixels could not be held.
+std::pair<int64_t, int64_t> dataSize(const Imf::RgbaInputFile& in, const std::string& path)
 {
     const Imath::Box2i window = in.dataWindow();
     const int64_t width = std::max<int64_t>(1, int64_t(window.max.x) - window.min.x + 1);
@@ -517,6 +516,28 @@ Image readRgba(Imf::RgbaInputFile& in, const std::string& path)
         throw std::runtime_error(formatText("Image size %lldx%lld of OpenEXR file '%s' is too large",
                                             static_cast<long long>(width), static_cast<long long>(height),
                                             path.c_str()));
+    return {width, height};
+}
+
+}  // namespace
+
+Image readExr(const std::string& path)
+{
+    return readRgba(*openExr(path), path);
+}
+
+std::pair<int32_t, int32_t> exrSize(const std::string& path)
+{
+    const auto [width, height] = dataSize(*openExr(path), path);
+    return {int32_t(width), int32_t(height)};
+}
+
+namespace {
+
+Image readRgba(Imf::RgbaInputFile& in, const std::string& path)
+{
+    const Imath::Box2i window = in.dataWindow();
+    const auto [width, height] = dataSize(in, path);
     // Missing chunks would only show once their rows are read; a file that
     // cannot hold what its header declares is refused before allocating.
     if (!in.isComplete())

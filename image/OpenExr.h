@@ -2,8 +2,10 @@
 // OpenEXR output and input of RGBE panoramas through the library's RGBA
 // interface, and the header every written file carries (compression, envmap,
 // the JPEG preview and the project document with the capture metadata).
+#include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include <ImfAttribute.h>
 #include <ImfEnvmap.h>
@@ -67,6 +69,10 @@ void writeExrFile(const std::string& path, const std::function<void(Imf::OStream
 // source); a header that asks for more than the file can hold throws
 // "Failed to read file '%s': ..." without allocating for it.
 Image readExr(const std::string& path);
+
+// Width and height of a .exr file's data window, after the same header checks
+// as readExr, without reading its pixels.
+std::pair<int32_t, int32_t> exrSize(const std::string& path);
 
 // Strip conversions (OpenMP). rgbeToHalf writes width * height packed pixels
 // (alpha set to 1); halfToRgbe reads width * height packed pixels into the view.

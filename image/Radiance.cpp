@@ -312,11 +312,15 @@ void writeFlatPixels(std::ostream& out, const ImageView& rgbe)
     }
 }
 
-}  // namespace
+// What the header of an open .hdr file declares, checked against the bytes
+// that follow it; `in` is left at the first pixel byte.
+struct RadianceLayout {
+    int64_t width = 0, height = 0;
+    bool flat = false;
+};
 
-Image readRadiance(const std::string& path)
+RadianceLayout readRadianceHeader(std::ifstream& in, const std::string& path)
 {
-    std::ifstream in(path, std::ios::binary);
     if (!in)
         throw std::runtime_error(formatText("Failed to open file '%s': %s", path.c_str(), std::strerror(errno)));
 
@@ -368,7 +372,23 @@ Image readRadiance(const std::string& path)
         if (bytesLeft < minScanline * uint64_t(height))
             throw invalidSize();
     }
+    return {width, height, flat};
+}
 
+}  // namespace
+
+std::pair<int32_t, int32_t> radianceSize(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    const RadianceLayout layout = readRadianceHeader(in, path);
+    return {int32_t(layout.width), int32_t(layout.height)};
+}
+
+Image readRadiance(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    const auto [width, height, flat] = readRadianceHeader(in, path);
+    const uint64_t flatBytes = uint64_t(width) * uint64_t(height) * 4;
     Image image(int32_t(width), int32_t(height), 4);
     if (flat) {
         in.read(reinterpret_cast<char*>(image.data()), std::streamsize(flatBytes));

@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <set>
+#include <sstream>
 
 #include "support/Support.h"
 
@@ -78,6 +80,20 @@ TEST(Batch, LinesRenderAsSingleRunsAndRerunsSkipThem)
     EXPECT_EQ(countLinesWith(report, "{\"line\":3,\"input\":\"broken/capture.pts\",\"status\":\"failed\",\"error\":\"Error ("),
               1) << report;
     EXPECT_NE(report.find("capture-02.jpg"), std::string::npos) << report;
+
+    // --plan names exactly the files a run writes and the lines that are done.
+    const RunResult plan = runProgram({binPath("tessara-batch"), dir / "m.txt", "--plan"});
+    EXPECT_EQ(plan.status, 0) << plan.err;
+    EXPECT_EQ(countLinesWith(plan.out, "  done: a run skips it"), 2) << plan.out;
+    std::set<std::string> planned, written;
+    std::istringstream lastLine(plan.out.substr(plan.out.find("line 4: ")));
+    for (std::string l; std::getline(lastLine, l);)
+        if (l.rfind("  writes: ", 0) == 0)
+            planned.insert(l.substr(10));
+    for (const auto& entry : fs::directory_iterator(dir / "out"))
+        if (entry.path().filename().string().rfind("after", 0) == 0)
+            written.insert("out/" + entry.path().filename().string());
+    EXPECT_EQ(planned, written) << plan.out;
 
     // Done lines are skipped; a removed output or --force renders again.
     fs::remove(dir / "out/after_u.jpg");

@@ -49,8 +49,10 @@ LineLock& LineLock::operator=(LineLock&& other) noexcept
     return *this;
 }
 
-StateDir::StateDir(std::string dir) : dir_(std::move(dir))
+StateDir::StateDir(std::string dir, bool create) : dir_(std::move(dir))
 {
+    if (!create)
+        return;
     std::error_code ec;
     fs::create_directories(dir_, ec);
     if (ec || !fs::is_directory(dir_))

@@ -38,8 +38,9 @@ private:
 class StateDir {
 public:
     // Creates the folder (and its parents) when missing. Throws
-    // std::runtime_error when it cannot.
-    explicit StateDir(std::string dir);
+    // std::runtime_error when it cannot. With `create` false the folder is
+    // only read: a missing one holds no record.
+    explicit StateDir(std::string dir, bool create = true);
 
     const std::string& path() const { return dir_; }
     std::string recordPath(int lineNumber, const std::string& lineText) const;

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -40,7 +41,7 @@ constexpr int kUsageStatus = 255;
 
 const char* const kUsage =
     "Usage: tessara-batch MANIFEST [--state DIR] [--report FILE] [--shard K/N | --shard auto [--shards N]] "
-    "[--force]\n"
+    "[--force] [--plan]\n"
     "  MANIFEST  one tessara-render command line per line (input first, then its options);\n"
     "            blank lines and lines starting with # are skipped; relative paths are\n"
     "            relative to the manifest's folder\n"
@@ -48,7 +49,9 @@ const char* const kUsage =
     "  --report  append one JSON object per line handled to FILE\n"
     "  --shard   render the lines whose index modulo N is K; auto: from a Slurm job array\n"
     "            or a Kubernetes Indexed Job (JOB_COMPLETION_INDEX with --shards N)\n"
-    "  --force   render lines again even when they are recorded as done\n";
+    "  --force   render lines again even when they are recorded as done\n"
+    "  --plan    print what each line would read and write, and whether it is done;\n"
+    "            render and write nothing\n";
 
 struct BatchOptions {
     std::string manifest;
@@ -57,6 +60,7 @@ struct BatchOptions {
     std::string shard;  // empty: 0/1
     int shards = 0;
     bool force = false;
+    bool plan = false;
 };
 
 [[noreturn]] void usageError(const std::string& message)
@@ -90,6 +94,8 @@ BatchOptions parseBatchOptions(int argc, char** argv)
             o.shards = int(v);
         } else if (arg == "--force")
             o.force = true;
+        else if (arg == "--plan")
+            o.plan = true;
         else if (arg == "-h" || arg == "--help") {
             std::fputs(kUsage, stdout);
             std::exit(0);
@@ -101,6 +107,56 @@ BatchOptions parseBatchOptions(int argc, char** argv)
     if (o.manifest.empty())
         usageError("no manifest given");
     return o;
+}
+
+// The line's words as a tessara-render command line, parsed into `options`.
+ParseAction parseLine(const ManifestLine& line, JobOptions& options)
+{
+    std::vector<std::string> args = {"tessara-render"};
+    args.insert(args.end(), line.args.begin(), line.args.end());
+    std::vector<char*> argv;
+    for (std::string& a : args)
+        argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    return parseOptions(int(args.size()), argv.data(), options);
+}
+
+// Prints the plan of every line on stdout, without a GL context and without
+// writing anything; returns 1 when a line cannot be planned, else 0.
+int printPlans(const std::vector<const ManifestLine*>& lines, const StateDir& state, bool force)
+{
+    int status = 0;
+    for (const ManifestLine* line : lines) {
+        std::string text;
+        try {
+            if (!line->splitError.empty())
+                throw UsageError(line->splitError);
+            JobOptions options;
+            if (parseLine(*line, options) != ParseAction::RunJob)
+                text = "prints the version\n";
+            else {
+                std::ostringstream plan;
+                printPlan(planJob(options), plan);
+                text = plan.str();
+                std::vector<OutputEntry> outputs;
+                if (!force && state.isDone(line->number, line->text, &outputs))
+                    text += "done: a run skips it\n";
+            }
+        } catch (const UsageError& e) {
+            text = std::string("Error: ") + e.what() + "\n";
+            status = 1;
+        } catch (const std::exception& e) {
+            text = failureReport(e) + "\n";
+            status = 1;
+        }
+        std::printf("line %d: %s\n", line->number, line->text.c_str());
+        for (size_t from = 0; from < text.size();) {
+            const size_t end = text.find('\n', from);
+            std::printf("  %s\n", text.substr(from, end - from).c_str());
+            from = end + 1;
+        }
+    }
+    return status;
 }
 
 // Collects what one line wrote: its committed outputs, and its temporary files
@@ -229,17 +285,10 @@ private:
     {
         committed_.clear();
         LineOutputs outputs(state_, line.number);
-        std::vector<std::string> args = {"tessara-render"};
-        args.insert(args.end(), line.args.begin(), line.args.end());
-        std::vector<char*> argv;
-        for (std::string& a : args)
-            argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-
         JobOptions options;
         RenderPlan plan;
         try {
-            const ParseAction action = parseOptions(int(args.size()), argv.data(), options);
+            const ParseAction action = parseLine(line, options);
             if (action == ParseAction::PrintVersion) {
                 std::printf("version: %s\n", kVersionText);
                 std::fflush(stdout);
@@ -354,10 +403,10 @@ int main(int argc, char** argv)
         const fs::path manifestPath = fs::absolute(options.manifest);
         if (options.stateDir.empty())
             options.stateDir = manifestPath.string() + ".state";
-        StateDir state(absolute(options.stateDir));
+        StateDir state(absolute(options.stateDir), !options.plan);
 
         FILE* report = nullptr;
-        if (!options.report.empty()) {
+        if (!options.report.empty() && !options.plan) {
             report = std::fopen(absolute(options.report).c_str(), "a");
             if (!report)
                 throw std::runtime_error("Failed to open file '" + options.report + "'");
@@ -374,6 +423,8 @@ int main(int argc, char** argv)
         if (::chdir(manifestPath.parent_path().c_str()) != 0)
             throw std::runtime_error("Cannot enter the manifest's folder '" + manifestPath.parent_path().string() + "'");
 
+        if (options.plan)
+            return printPlans(selected, state, options.force);
         const int status = Batch(argc, argv, options, std::move(state), report).run(selected);
         if (report)
             std::fclose(report);
