@@ -12,6 +12,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -250,41 +252,66 @@ PendingImage::Decoded decodeSource(SourceType type, const std::string& path, int
     return decoded;
 }
 
-// The decoded rows in a texture of the decoded size and `internalFormat`:
-// `reuse` when it has them, else a new texture.
-Texture upload(const PendingImage::Decoded& decoded, GLenum internalFormat, GLenum pixelFormat, Texture reuse)
+// `part` at column x, row y of a texture of width x height pixels and
+// `internalFormat`: `reuse` when it has them, else a new texture.
+Texture upload(const ImageView& part, int32_t x, int32_t y, int32_t width, int32_t height, GLenum internalFormat,
+               GLenum pixelFormat, Texture reuse)
 {
-    const ImageView rows = decoded.pixels.view();
-    if (reuse.width() == decoded.width && reuse.height() == decoded.height &&
-        reuse.internalFormat() == internalFormat && !reuse.isMipMap()) {
-        reuse.replaceRows(decoded.firstRow, rows.height(), pixelFormat, rows.data(), rows.stride());
+    if (reuse.width() == width && reuse.height() == height && reuse.internalFormat() == internalFormat &&
+        !reuse.isMipMap()) {
+        reuse.replacePart(x, y, part.width(), part.height(), pixelFormat, part.data(), part.stride());
         return reuse;
     }
     reuse.destroy();
-    if (decoded.firstRow == 0 && rows.height() == decoded.height)
-        return Texture::upload(decoded.width, decoded.height, internalFormat, pixelFormat, rows.data(), rows.stride());
-    Texture texture = Texture::renderTarget(decoded.width, decoded.height, internalFormat);
-    texture.replaceRows(decoded.firstRow, rows.height(), pixelFormat, rows.data(), rows.stride());
+    if (part.width() == width && part.height() == height)
+        return Texture::upload(width, height, internalFormat, pixelFormat, part.data(), part.stride());
+    Texture texture = Texture::renderTarget(width, height, internalFormat);
+    texture.replacePart(x, y, part.width(), part.height(), pixelFormat, part.data(), part.stride());
     return texture;
 }
 
 }  // namespace
 
-PendingImage::PendingImage(const std::string& path, int eighths, bool inBackground, JpegRowChoice rows)
+PendingImage::PendingImage(const std::string& path, int eighths, bool inBackground, JpegRowChoice rows,
+                           Process process)
 {
     const SourceType type = sourceType(path);
     radiance_ = type == SourceType::Radiance;
+    if (type != SourceType::Jpeg)
+        process = {};
+    // Set once the file is decoded, before the Process step.
+    auto signal = std::make_shared<std::promise<void>>();
+    auto work = [signal, type, path, eighths, rows = std::move(rows), process = std::move(process)]() {
+        Decoded decoded;
+        try {
+            decoded = decodeSource(type, path, eighths, rows);
+        } catch (...) {
+            signal->set_exception(std::current_exception());
+            throw;
+        }
+        signal->set_value();
+        if (process)
+            process(decoded);
+        return decoded;
+    };
     // The raw preview's size check asks the GL context for its limits, so it
     // runs where take() is called; so does the error for an unsupported type.
     if (inBackground && (type == SourceType::Jpeg || type == SourceType::Radiance)) {
         try {
-            decoded_ = std::async(std::launch::async, decodeSource, type, path, eighths, std::move(rows));
+            decoded_ = std::async(std::launch::async, work);
+            decodedSignal_ = signal->get_future();
             return;
         } catch (const std::system_error&) {
             // no thread to be had: decode in take()
         }
     }
-    decoded_ = std::async(std::launch::deferred, decodeSource, type, path, eighths, std::move(rows));
+    decoded_ = std::async(std::launch::deferred, std::move(work));
+}
+
+void PendingImage::waitDecoded()
+{
+    if (decodedSignal_.valid())
+        decodedSignal_.get();
 }
 
 Texture PendingImage::take(int* decodedEighths, Texture reuse)
@@ -293,7 +320,12 @@ Texture PendingImage::take(int* decodedEighths, Texture reuse)
         Decoded decoded = decoded_.get();
         if (decodedEighths)
             *decodedEighths = decoded.eighths;
-        return upload(decoded, GL_RGB8, GL_RGB, std::move(reuse));
+        if (decoded.ready)
+            return upload(decoded.pixels.view().subView(decoded.x0, decoded.y0 - decoded.firstRow,
+                                                        decoded.x1 - decoded.x0, decoded.y1 - decoded.y0),
+                          decoded.x0, decoded.y0, decoded.width, decoded.height, GL_RGBA8, GL_RGB, std::move(reuse));
+        return upload(decoded.pixels, 0, decoded.firstRow, decoded.width, decoded.height, GL_RGB8, GL_RGB,
+                      std::move(reuse));
     }
     // Reported whether or not stage timing is on: loading an HDR source is
     // the slow part of a render and always worth seeing.
@@ -308,7 +340,8 @@ Texture PendingImage::take(int* decodedEighths, Texture reuse)
     const ExponentStats& stats = decoded.stats;
     printExponentStats(ImageView(nullptr, decoded.fileWidth, decoded.fileHeight, 4), stats.maxE, stats.minE,
                        stats.mean());
-    Texture texture = upload(decoded, GL_RGBA8, GL_RGBA, std::move(reuse));
+    Texture texture = upload(decoded.pixels, 0, decoded.firstRow, decoded.width, decoded.height, GL_RGBA8, GL_RGBA,
+                             std::move(reuse));
     texture.setExposureLevels(std::exp2(stats.mean()), std::exp2(double(stats.minE)), std::exp2(double(stats.maxE)));
     decoded.pixels = Image();
     glFinish();

@@ -9,6 +9,7 @@
 // Anything else throws "failed to open file '<path>': unsupported file type".
 // Needs a current GL context; failures are std::runtime_error (opengl_error
 // for GPU limits).
+#include <functional>
 #include <future>
 #include <string>
 
@@ -34,23 +35,6 @@ Texture loadImage(const std::string& path, int eighths = 8, int* decodedEighths 
 // what loadImage throws. Destroying a pending image waits for its decoder.
 class PendingImage {
 public:
-    PendingImage() = default;
-    // Starts decoding `path`; `eighths` as for loadImage. Without
-    // `inBackground` everything happens in take(). `rows`, when given, is
-    // asked on the decoding thread (with the decoded size and scale) which
-    // rows of a JPEG the caller will read: only those are decoded (see
-    // readJpegRows) and uploaded, the texture's other rows are left
-    // undefined. Other types are decoded and uploaded whole.
-    PendingImage(const std::string& path, int eighths, bool inBackground = true, JpegRowChoice rows = {});
-    PendingImage(PendingImage&&) = default;
-    PendingImage& operator=(PendingImage&&) = default;
-
-    bool pending() const { return decoded_.valid(); }
-    // Once, on the thread that owns the GL context. `reuse`, a texture this
-    // loader made before, is filled instead of making a new one when it has
-    // the decoded size and format (saving the allocation), else released.
-    Texture take(int* decodedEighths = nullptr, Texture reuse = Texture());
-
     struct Decoded {
         Image pixels;  // rows [firstRow, firstRow + pixels.height()): packed RGB, or RGBE for a Radiance file
         int32_t firstRow = 0;
@@ -60,10 +44,40 @@ public:
         // line tells of the file, whatever size it was decoded at).
         int fileWidth = 0, fileHeight = 0;
         ExponentStats stats;
+        // Set by a Process step that made RGB pixels ready to draw: take()
+        // uploads only the pixels [x0, x1) x [y0, y1) of the image (within
+        // the rows held), into a GL_RGBA8 texture (alpha 1).
+        bool ready = false;
+        int32_t x0 = 0, y0 = 0, x1 = 0, y1 = 0;
     };
+    // Work on a decoded JPEG before it is uploaded, done on the decoding
+    // thread (see Decoded::ready).
+    using Process = std::function<void(Decoded&)>;
+
+    PendingImage() = default;
+    // Starts decoding `path`; `eighths` as for loadImage. Without
+    // `inBackground` everything happens in take(). `rows`, when given, is
+    // asked on the decoding thread (with the decoded size and scale) which
+    // rows of a JPEG the caller will read: only those are decoded (see
+    // readJpegRows) and uploaded, the texture's other rows are left
+    // undefined. Other types are decoded and uploaded whole.
+    PendingImage(const std::string& path, int eighths, bool inBackground = true, JpegRowChoice rows = {},
+                 Process process = {});
+    PendingImage(PendingImage&&) = default;
+    PendingImage& operator=(PendingImage&&) = default;
+
+    bool pending() const { return decoded_.valid(); }
+    // Waits until the file is decoded (not for the Process step) and throws
+    // what decoding threw; returns at once when decoding is left to take().
+    void waitDecoded();
+    // Once, on the thread that owns the GL context. `reuse`, a texture this
+    // loader made before, is filled instead of making a new one when it has
+    // the decoded size and format (saving the allocation), else released.
+    Texture take(int* decodedEighths = nullptr, Texture reuse = Texture());
 
 private:
     bool radiance_ = false;
+    std::future<void> decodedSignal_;
     std::future<Decoded> decoded_;
 };
 

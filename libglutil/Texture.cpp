@@ -27,14 +27,16 @@ GLint maxTextureSize()
     return max;
 }
 
-// The effective limit for an image of this size (the wide-image cap included).
-int effectiveMax(int width, int height)
+// The effective limit for an image of this size (the wide-image cap included)
+// on a GPU whose largest texture side is `max`.
+int effectiveMax(int width, int height, int max)
 {
-    int max = maxTextureSize();
     if (height <= kWideImageCap && width > kWideImageWidth && max > kWideImageCap)
         max = kWideImageCap;
     return max;
 }
+
+int effectiveMax(int width, int height) { return effectiveMax(width, height, maxTextureSize()); }
 
 void setUniform1i(GLint program, const char* base, int index, int v)
 {
@@ -44,7 +46,7 @@ void setUniform1i(GLint program, const char* base, int index, int v)
         glUniform1i(loc, v);
 }
 
-void uploadRows(GLenum target, int w, int firstRow, int rows, int layers, GLenum pixelFormat, const uint8_t* data,
+void uploadRect(GLenum target, int layer, int x, int y, int w, int h, GLenum pixelFormat, const uint8_t* data,
                 int rowStride);
 
 // Allocates one piece (or, in array mode, all its layers) on the bound target
@@ -76,32 +78,30 @@ void storePiece(GLenum target, GLuint& name, int w, int h, int layers, bool mip,
     GL_CHECK();
 
     if (data) {
-        uploadRows(target, w, 0, h, layers, pixelFormat, data, rowStride);
+        for (int layer = 0; layer < layers; ++layer)
+            uploadRect(target, layer, 0, 0, w, h, pixelFormat,
+                       data + size_t(layer) * size_t(w) * size_t(channelsOf(pixelFormat)), rowStride);
         if (mip)
             glGenerateMipmap(target);
     }
     GL_CHECK();
 }
 
-// Uploads rows [firstRow, firstRow + rows) of the piece bound on `target`
-// (w pixels wide; in array mode `layers` > 1 sends the left and the right
-// half of the image to layers 0 and 1) from `data`, its first row, in bands.
-void uploadRows(GLenum target, int w, int firstRow, int rows, int layers, GLenum pixelFormat, const uint8_t* data,
+// Uploads the w x h pixels at (x, y) of the piece bound on `target` (layer
+// `layer` of an array texture) from `data`, their first row, in bands.
+void uploadRect(GLenum target, int layer, int x, int y, int w, int h, GLenum pixelFormat, const uint8_t* data,
                 int rowStride)
 {
     const int channels = channelsOf(pixelFormat);
     glPixelStorei(GL_UNPACK_ROW_LENGTH, rowStride / channels);
     glPixelStorei(GL_UNPACK_ALIGNMENT, rowStride % 4 == 0 ? 4 : 1);
-    for (int layer = 0; layer < layers; ++layer) {
-        const uint8_t* base = data + size_t(layer) * size_t(w) * size_t(channels);
-        for (int y = 0; y < rows; y += kUploadBand) {
-            const int band = std::min(kUploadBand, rows - y);
-            const uint8_t* src = base + size_t(y) * size_t(rowStride);
-            if (target == GL_TEXTURE_2D_ARRAY)
-                glTexSubImage3D(target, 0, 0, firstRow + y, layer, w, band, 1, pixelFormat, GL_UNSIGNED_BYTE, src);
-            else
-                glTexSubImage2D(target, 0, 0, firstRow + y, w, band, pixelFormat, GL_UNSIGNED_BYTE, src);
-        }
+    for (int row = 0; row < h; row += kUploadBand) {
+        const int band = std::min(kUploadBand, h - row);
+        const uint8_t* src = data + size_t(row) * size_t(rowStride);
+        if (target == GL_TEXTURE_2D_ARRAY)
+            glTexSubImage3D(target, 0, x, y + row, layer, w, band, 1, pixelFormat, GL_UNSIGNED_BYTE, src);
+        else
+            glTexSubImage2D(target, 0, x, y + row, w, band, pixelFormat, GL_UNSIGNED_BYTE, src);
     }
     glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
     glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
@@ -147,6 +147,12 @@ GLenum Texture::target()
     // Read once: the choice holds for the whole run, like the shader define.
     static const GLenum t = std::getenv("USE_ARRAY_TEXTURE") ? GL_TEXTURE_2D_ARRAY : GL_TEXTURE_2D;
     return t;
+}
+
+bool Texture::isWhole(int width, int height, int maxTextureSize)
+{
+    const int max = effectiveMax(width, height, maxTextureSize);
+    return width <= max && height <= max;
 }
 
 void Texture::checkFits(int width, int height)
@@ -238,22 +244,29 @@ void Texture::allocate(int width, int height, GLenum internalFormat, GLenum pixe
     }
 }
 
-void Texture::replaceRows(int firstRow, int rows, GLenum pixelFormat, const void* data, int rowStride)
+void Texture::replacePart(int x, int y, int w, int h, GLenum pixelFormat, const void* data, int rowStride)
 {
-    if (firstRow < 0 || rows < 0 || firstRow + rows > s_.height)
-        throw std::out_of_range("Texture::replaceRows: rows outside the texture");
-    if (rows == 0)
+    if (x < 0 || y < 0 || w < 0 || h < 0 || x > s_.width - w || y > s_.height - h)
+        throw std::out_of_range("Texture::replacePart: pixels outside the texture");
+    if (w == 0 || h == 0)
         return;
+    const int channels = channelsOf(pixelFormat);
     if (rowStride == 0)
-        rowStride = s_.width * channelsOf(pixelFormat);
+        rowStride = w * channels;
     GLint previous = 0;
     const bool array = target() == GL_TEXTURE_2D_ARRAY;
     glGetIntegerv(array ? GL_TEXTURE_BINDING_2D_ARRAY : GL_TEXTURE_BINDING_2D, &previous);
     const auto* bytes = static_cast<const uint8_t*>(data);
-    for (int k = 0; k < s_.count; ++k) {
-        glBindTexture(target(), s_.names[k]);
-        uploadRows(target(), s_.tileWidth, firstRow, rows, s_.layers, pixelFormat,
-                   bytes + size_t(k) * size_t(s_.tileWidth) * size_t(channelsOf(pixelFormat)), rowStride);
+    // Piece k (a texture, or a layer in array mode) holds the image's columns
+    // [k tileWidth, (k + 1) tileWidth).
+    for (int k = 0; k < std::max(s_.count, s_.layers); ++k) {
+        const int left = k * s_.tileWidth;
+        const int from = std::max(x, left), to = std::min(x + w, left + s_.tileWidth);
+        if (from >= to)
+            continue;
+        glBindTexture(target(), s_.names[array ? 0 : k]);
+        uploadRect(target(), array ? k : 0, from - left, y, to - from, h, pixelFormat,
+                   bytes + size_t(from - x) * size_t(channels), rowStride);
     }
     glBindTexture(target(), GLuint(previous));
     GL_CHECK();

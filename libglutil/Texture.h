@@ -33,11 +33,11 @@ public:
     // drawn into through a Framebuffer.
     static Texture renderTarget(int width, int height, GLenum internalFormat);
 
-    // Replaces rows [firstRow, firstRow + rows) of an uploaded texture with
-    // `data`, the first of those rows (pixelFormat and rowStride as for
-    // upload); size, format and sampling stay, a mipmap chain is not remade.
-    // Throws std::out_of_range for rows outside the texture.
-    void replaceRows(int firstRow, int rows, GLenum pixelFormat, const void* data, int rowStride = 0);
+    // Replaces the w x h pixels at column x, row y of a texture with `data`,
+    // the first of their rows (pixelFormat as for upload; rowStride in bytes,
+    // 0 = w pixels); size, format and sampling stay, a mipmap chain is not
+    // remade. Throws std::out_of_range for pixels outside the texture.
+    void replacePart(int x, int y, int w, int h, GLenum pixelFormat, const void* data, int rowStride = 0);
 
     // Binds the pieces to unit, unit + 1, ... and sets the per-unit uniforms
     // (texSize<i>, texIsRGBE<i>, texIsHDR<i>, texIsMipMap<i>, tileSize<i> below
@@ -51,6 +51,10 @@ public:
     // when an image of this size cannot be held (as two pieces at most), with
     // the 8192 cap for images wider than 10000 and at most 8192 high.
     static void checkFits(int width, int height);
+    // Whether an image of this size is held in one piece (neither split nor
+    // refused) on a GPU whose largest texture side is `maxTextureSize`
+    // (GL_MAX_TEXTURE_SIZE); needs no context.
+    static bool isWhole(int width, int height, int maxTextureSize);
 
     int width() const { return s_.width; }
     int height() const { return s_.height; }

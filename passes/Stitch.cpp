@@ -26,6 +26,7 @@
 #include "libglutil/Shader.h"
 #include "libglutil/Stage.h"
 #include "libglutil/Texture.h"
+#include "passes/Sharpen.h"
 #include "passes/StitchReach.h"
 #include "project/CameraUniforms.h"
 #include "project/LensModel.h"
@@ -72,7 +73,8 @@ public:
                      bool useOrientation, const StitchTuning& tuning)
         : panorama_(panorama), outWidth_(panorama.width()), outHeight_(panorama.height()), projectPath_(projectPath),
           images_(project.images), hdr_(hdr), useOrientation_(useOrientation), tuning_(tuning),
-          layout_(stitchLayout(project.images.size())), eighths_(project.images.size(), 8)
+          layout_(stitchLayout(project.images.size())), eighths_(project.images.size(), 8),
+          cpuSharpening_(!hdr && tuning.cpuSharpening)
     {
     }
 
@@ -84,6 +86,7 @@ private:
     Texture loadEntry(size_t index);
     void decodeNext();
     Texture sharpened(Texture& loaded, size_t index, const std::vector<int>& strips);
+    void sampleBilinear(const Texture& sharpened);
     PixelRect readablePart(size_t index, const std::vector<int>& strips, int width, int height, int eighths) const;
     float stripYaw(int strip) const;
     int decodeEighths(const ImageEntry& entry) const;
@@ -115,6 +118,12 @@ private:
     std::vector<size_t> loadOrder_;
     std::vector<std::vector<int>> loadStrips_;  // the strips each load is drawn into
     size_t loaded_ = 0;
+    // In an LDR job 8-bit sources in one piece are sharpened on the CPU, by
+    // the decoding thread; it marks each load it sharpened so (the main
+    // thread reads the mark once the load is taken).
+    bool cpuSharpening_;
+    std::vector<char> sharpenedOnCpu_;
+    GLint maxTextureSize_ = 0;
 
     float heading_ = 0;
     std::pair<float, float> correction_{0.0f, 0.0f};
@@ -188,6 +197,8 @@ void EquirectStitcher::run()
             loadStrips_.push_back(strips);
         }
     }
+    sharpenedOnCpu_.assign(loadOrder_.size(), 0);
+    glGetIntegerv(GL_MAX_TEXTURE_SIZE, &maxTextureSize_);
     decodeNext();
 
     stripTarget_ = RenderTarget(stripWidth_, outHeight_, GL_RGB16F);
@@ -315,7 +326,23 @@ void EquirectStitcher::decodeNext()
         return part.empty() ? std::pair<int32_t, int32_t>{0, 1}
                             : std::pair<int32_t, int32_t>{part.y0 - 1, part.y1 + 1};
     };
-    next_ = PendingImage(sourcePath(index), decodeEighths(images_[index]), true, rows);
+    PendingImage::Process sharpen;
+    if (cpuSharpening_) {
+        // The texels the GPU pass would sharpen, from the rows decoded for
+        // them; a source that fits no texture in one piece, or that no draw
+        // reads, is left to the GPU.
+        sharpen = [this, index, strips, load = loaded_](PendingImage::Decoded& decoded) {
+            const PixelRect part = readablePart(index, strips, decoded.width, decoded.height, decoded.eighths);
+            if (decoded.pixels.channels() != 3 || part.empty() ||
+                !Texture::isWhole(decoded.width, decoded.height, maxTextureSize_))
+                return;
+            sharpenRgb8(decoded.pixels.mutableView(), decoded.firstRow, decoded.height, part);
+            decoded.ready = true;
+            decoded.x0 = part.x0, decoded.y0 = part.y0, decoded.x1 = part.x1, decoded.y1 = part.y1;
+            sharpenedOnCpu_[load] = 1;
+        };
+    }
+    next_ = PendingImage(sourcePath(index), decodeEighths(images_[index]), true, rows, std::move(sharpen));
 }
 
 Texture EquirectStitcher::loadEntry(size_t index)
@@ -324,10 +351,32 @@ Texture EquirectStitcher::loadEntry(size_t index)
         throw std::logic_error("stitch: sources loaded out of order");
     PendingImage current = std::move(next_);
     const std::vector<int>& strips = loadStrips_[loaded_];
-    ++loaded_;
-    // In an LDR job the unsharpened texture of the last load is filled again
-    // (sources are all of a size), so that loading allocates nothing on the
-    // GPU side. In an HDR job it is let go after sharpening: the RGBE strip
+    const size_t load = loaded_++;
+    if (cpuSharpening_) {
+        // "load (temp)" times the wait for the decoder, "sharpen" the wait
+        // for the decoding thread's sharpening and the upload. The first
+        // load waits for both with nothing to overlap: the next source is
+        // decoded meanwhile.
+        current.waitDecoded();
+        finishStage("load (temp)");
+        if (load == 0)
+            decodeNext();
+        Texture texture = current.take(&eighths_[index], std::move(spare_));
+        if (!sharpenedOnCpu_[load]) {
+            Texture result = sharpened(texture, index, strips);
+            if (load != 0)
+                decodeNext();
+            return result;
+        }
+        sampleBilinear(texture);
+        finishStage("sharpen");
+        if (load != 0)
+            decodeNext();
+        return texture;
+    }
+    // When the GPU sharpens an LDR job's sources, the unsharpened texture of
+    // the last load is filled again (sources are all of a size), so that
+    // loading allocates nothing on the GPU side. In an HDR job it is let go after sharpening: the RGBE strip
     // made for every readback takes its place.
     Texture loaded = current.take(&eighths_[index], std::move(unsharpened_));
     finishStage("load (temp)");
@@ -359,14 +408,8 @@ Texture EquirectStitcher::sharpened(Texture& loaded, size_t index, const std::ve
     else
         sharpened = Texture::renderTarget(loaded.width(), loaded.height(), GL_RGBA8);
     spare_.destroy();
-    if (!hdr_) {
-        // 8-bit sources are resampled by the hardware bilinear filter; RGBE
-        // data must be decoded first and keeps nearest sampling.
-        glBindTexture(Texture::target(), sharpened.piece(0));
-        glTexParameteri(Texture::target(), GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-        glTexParameteri(Texture::target(), GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-        GL_CHECK();
-    }
+    if (!hdr_)
+        sampleBilinear(sharpened);
     // A source in one piece of the job's kind (the usual case) is read directly.
     const Shader& program = loaded.isRGBE() == hdr_ && loaded.count() == 1 && loaded.layers() == 1
                                 ? *sharpenDirect_
@@ -384,6 +427,16 @@ Texture EquirectStitcher::sharpened(Texture& loaded, size_t index, const std::ve
     }
     finishStage("sharpen");
     return sharpened;
+}
+
+// 8-bit sources are resampled by the hardware bilinear filter; RGBE data
+// must be decoded first and keeps nearest sampling.
+void EquirectStitcher::sampleBilinear(const Texture& sharpened)
+{
+    glBindTexture(Texture::target(), sharpened.piece(0));
+    glTexParameteri(Texture::target(), GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    glTexParameteri(Texture::target(), GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    GL_CHECK();
 }
 
 // The texels of entry `index`'s loaded texture (width x height) that its

@@ -26,6 +26,9 @@ struct StitchTuning {
     // With reduceSources, 1 to 8 decodes every source at that many eighths
     // of its size (as far as its decoder can) instead (for measurements).
     int decodeEighths = 0;
+    // In an LDR job, 8-bit sources are sharpened on the CPU while the last
+    // one is drawn; else by the GPU pass (the same bytes on llvmpipe).
+    bool cpuSharpening = true;
 };
 void stitchEquirect(const MutableImageView& panorama, const std::string& projectPath, Project& project, bool hdr,
                     bool useOrientation, const StitchTuning& tuning = {});

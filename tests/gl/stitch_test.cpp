@@ -14,14 +14,19 @@
 #include <map>
 #include <memory>
 #include <numeric>
+#include <random>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "image/Colour.h"
+#include "image/Jpeg.h"
 #include "image/Rgbe.h"
+#include "libglutil/Framebuffer.h"
+#include "libglutil/FullScreenPass.h"
 #include "libglutil/Shader.h"
 #include "libglutil/Texture.h"
+#include "passes/Sharpen.h"
 #include "passes/Stitch.h"
 #include "passes/StitchReach.h"
 #include "project/CameraMatrix.h"
@@ -436,6 +441,67 @@ TEST(StitchRules, IncompleteProjectIsAnError)
               "project has 4 entries, but a capture of 5 slots needs 6 source images");
 }
 
+// The CPU twin of the LDR sharpen pass gives the pass's bytes (RGB8 source,
+// RGBA8 target), over the part of the image asked for, from its rows and one
+// more on each side. Image 1: plus-shaped groups (pixel (x, y) is a centre
+// when x + 2y = 0 mod 5, else the neighbour of one) give every centre value
+// neighbours that put the exact result half-way between two levels (12 c -
+// sum = 4 mod 8 in levels, unclamped): the texel reads, the sums and the
+// store's rounding all decide those; other pixels are random. Image 2: a
+// source of a detailed capture, the part off the edges.
+TEST(StitchSharpen, CpuTwinMatchesThePass)
+{
+    const int w = 640, h = 520;
+    Image pattern(w, h, 3);
+    const std::vector<uint8_t> noise = support::patternBytes(pattern.byteSize(), 19);
+    std::copy(noise.begin(), noise.end(), pattern.data());
+    std::vector<std::array<int, 5>> groups;  // c, l, r, u, d
+    std::mt19937 random(7);
+    for (int c = 0; c < 256; ++c)
+        for (int sum = c % 2 == 0 ? 4 : 0; sum <= 1020; sum += 8)
+            for (int tries = 0, found = 0; tries < 40 && found < 3; ++tries) {
+                const int l = random() & 255, r = random() & 255, u = random() & 255, d = sum - l - r - u;
+                const int lo = std::min({c, l, r, u, d}), hi = std::max({c, l, r, u, d});
+                if (d >= 0 && d <= 255 && 8 * lo <= 12 * c - sum && 12 * c - sum <= 8 * hi)
+                    groups.push_back({c, l, r, u, d}), ++found;
+            }
+    size_t g = 0;
+    for (int y = 1; y + 1 < h; ++y)
+        for (int x = 1 + (5 - (1 + 2 * y) % 5) % 5; x + 1 < w && g < groups.size(); x += 5)
+            for (int k = 0; k < 3 && g < groups.size(); ++k, ++g)
+                for (const auto [dx, dy, i] : {std::array<int, 3>{0, 0, 0}, {-1, 0, 1}, {1, 0, 2}, {0, -1, 3}, {0, 1, 4}})
+                    pattern.pixel(x + dx, y + dy)[k] = uint8_t(groups[g][i]);
+    ASSERT_EQ(g, groups.size());
+
+    CaptureOptions o;
+    o.detail = 4, o.scale = 0.2, o.supersample = 1, o.sceneGain = ldrGain(scene("courtyard.exr"));
+    support::TempDir dir;
+    const Image detailed = readJpeg(writeShot(scene("courtyard.exr"), planCapture(o), 1, dir.path()));
+    const std::pair<const Image*, PixelRect> cases[] = {
+        {&pattern, {0, 0, w, h}}, {&detailed, {0, 0, 800, 1200}}, {&detailed, {5, 17, 700, 1100}}};
+    const Shader& pass = sharedShader("sharpen", "#define LDR\n#define DIRECT_FETCH\n");
+    for (const auto& [image, part] : cases) {
+        const int iw = image->width(), ih = image->height();
+        const Texture source = Texture::upload(iw, ih, GL_RGB8, GL_RGB, image->data());
+        const RenderTarget target(iw, ih, GL_RGBA8);
+        pass.use();
+        source.bind(GL_TEXTURE0);
+        target.framebuffer.bind();
+        fullScreenPass(iw, ih);
+        Image gpu(iw, ih, 4);
+        target.framebuffer.read(gpu.data(), GL_RGBA, GL_UNSIGNED_BYTE, iw, ih);
+        const int first = std::max(part.y0 - 1, 0), rows = std::min(part.y1 + 1, ih) - first;
+        Image cpu(iw, rows, 3);
+        std::copy(image->pixel(0, first), image->pixel(0, first + rows), cpu.data());
+        sharpenRgb8(cpu.mutableView(), first, ih, part);
+        int differ = 0;
+        for (int y = part.y0; y < part.y1; ++y)
+            for (int x = part.x0; x < part.x1; ++x)
+                differ += !std::equal(gpu.pixel(x, y), gpu.pixel(x, y) + 3, cpu.pixel(x, y - first));
+        EXPECT_EQ(differ, 0) << "pixels differ in a " << iw << " x " << ih << " image, " << groups.size() << " groups";
+    }
+}
+
 // 8-bit captures stitched at 2000 columns against their truth, rendered from
 // the same panorama with supersampling. What remains is resampling blur at
 // hard edges and 8-bit/JPEG noise (about 46 dB); 36 dB is required, and a
@@ -542,9 +608,10 @@ TEST(StitchCapture, HdrCaptureMatchesItsPanorama)
 }
 
 // Each source is drawn only over the part of the strip it can reach, and
-// sharpened only where those draws can read it: the result must be byte for
-// byte that of sharpening all of every source and drawing it over the whole
-// strip, with rolled, tilted, shifted and distorted lenses of both layouts.
+// sharpened only where those draws can read it (8-bit ones on the CPU): the
+// result must be byte for byte that of sharpening all of every source on the
+// GPU and drawing it over the whole strip, with rolled, tilted, shifted and
+// distorted lenses of both layouts.
 // The bound must also be a real one: entry 0 does not reach the fifth of the
 // rows nearest the other pole (the fisheye reaches about 45 degrees past the
 // horizon), and a rectilinear ring image nothing of the strip behind it.
@@ -573,7 +640,7 @@ TEST(StitchCapture, BoundedDrawsMatchFullStrips)
             Project copy = project;
             pixels[bound].assign(size_t(width) * (width / 2) * (c.hdr ? 4 : 3), 0);
             StitchTuning tuning;
-            tuning.boundDraws = bound;
+            tuning.boundDraws = tuning.cpuSharpening = bound;
             stitchEquirect(MutableImageView(pixels[bound].data(), width, width / 2, panoramaChannels(c.hdr)), files->pts, copy,
                            c.hdr, true, tuning);
         }
