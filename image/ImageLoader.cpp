@@ -212,12 +212,12 @@ SourceType sourceType(const std::string& path)
 }
 
 PendingImage::Decoded decodeSource(SourceType type, const std::string& path, int eighths,
-                                   const JpegRowChoice& rows)
+                                   const JpegRowChoice& rows, bool rgba)
 {
     PendingImage::Decoded decoded;
     switch (type) {
     case SourceType::Jpeg: {
-        JpegRows jpeg = readJpegRows(path, eighths, rows);
+        JpegRows jpeg = readJpegRows(path, eighths, rows, rgba);
         decoded.pixels = std::move(jpeg.rows);
         decoded.firstRow = jpeg.firstRow;
         decoded.width = jpeg.width;
@@ -284,7 +284,7 @@ PendingImage::PendingImage(const std::string& path, int eighths, bool inBackgrou
     auto work = [signal, type, path, eighths, rows = std::move(rows), process = std::move(process)]() {
         Decoded decoded;
         try {
-            decoded = decodeSource(type, path, eighths, rows);
+            decoded = decodeSource(type, path, eighths, rows, bool(process));
         } catch (...) {
             signal->set_exception(std::current_exception());
             throw;
@@ -320,11 +320,13 @@ Texture PendingImage::take(int* decodedEighths, Texture reuse)
         Decoded decoded = decoded_.get();
         if (decodedEighths)
             *decodedEighths = decoded.eighths;
+        const GLenum pixelFormat = decoded.pixels.channels() == 4 ? GL_RGBA : GL_RGB;
         if (decoded.ready)
             return upload(decoded.pixels.view().subView(decoded.x0, decoded.y0 - decoded.firstRow,
                                                         decoded.x1 - decoded.x0, decoded.y1 - decoded.y0),
-                          decoded.x0, decoded.y0, decoded.width, decoded.height, GL_RGBA8, GL_RGB, std::move(reuse));
-        return upload(decoded.pixels, 0, decoded.firstRow, decoded.width, decoded.height, GL_RGB8, GL_RGB,
+                          decoded.x0, decoded.y0, decoded.width, decoded.height, GL_RGBA8, pixelFormat,
+                          std::move(reuse));
+        return upload(decoded.pixels, 0, decoded.firstRow, decoded.width, decoded.height, GL_RGB8, pixelFormat,
                       std::move(reuse));
     }
     // Reported whether or not stage timing is on: loading an HDR source is

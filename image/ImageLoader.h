@@ -36,7 +36,9 @@ Texture loadImage(const std::string& path, int eighths = 8, int* decodedEighths 
 class PendingImage {
 public:
     struct Decoded {
-        Image pixels;  // rows [firstRow, firstRow + pixels.height()): packed RGB, or RGBE for a Radiance file
+        // Rows [firstRow, firstRow + pixels.height()): packed RGB (RGBA with a
+        // Process step), or RGBE for a Radiance file.
+        Image pixels;
         int32_t firstRow = 0;
         int32_t width = 0, height = 0;  // the decoded image's size
         int eighths = 8;
@@ -44,14 +46,15 @@ public:
         // line tells of the file, whatever size it was decoded at).
         int fileWidth = 0, fileHeight = 0;
         ExponentStats stats;
-        // Set by a Process step that made RGB pixels ready to draw: take()
+        // Set by a Process step that made the pixels ready to draw: take()
         // uploads only the pixels [x0, x1) x [y0, y1) of the image (within
         // the rows held), into a GL_RGBA8 texture (alpha 1).
         bool ready = false;
         int32_t x0 = 0, y0 = 0, x1 = 0, y1 = 0;
     };
     // Work on a decoded JPEG before it is uploaded, done on the decoding
-    // thread (see Decoded::ready).
+    // thread (see Decoded::ready). With one, a JPEG is decoded to RGBA
+    // (alpha 255), the layout of the texture its result goes to.
     using Process = std::function<void(Decoded&)>;
 
     PendingImage() = default;

@@ -61,7 +61,8 @@ void setupErrorManager(ErrorManager& err)
 // allocating whatever a corrupt header declares.
 constexpr long kMaxJpegWorkingMemory = 2L << 30;
 
-bool readJpegHeader(jpeg_decompress_struct* cinfo, ErrorManager* err, FILE* file, bool* created, int eighths)
+bool readJpegHeader(jpeg_decompress_struct* cinfo, ErrorManager* err, FILE* file, bool* created, int eighths,
+                    bool rgba)
 {
     if (setjmp(err->jump))
         return false;
@@ -79,6 +80,10 @@ bool readJpegHeader(jpeg_decompress_struct* cinfo, ErrorManager* err, FILE* file
             cinfo->scale_denom = 8;
             break;
         }
+    // libjpeg-turbo's colour converter writes the fourth byte itself (255);
+    // other colour spaces stay as they are and are refused as before.
+    if (rgba && cinfo->out_color_space == JCS_RGB)
+        cinfo->out_color_space = JCS_EXT_RGBA;
     jpeg_calc_output_dimensions(cinfo);
     return true;
 }
@@ -244,7 +249,7 @@ FILE* openFile(const std::string& path, const char* mode)
 namespace {
 
 JpegRows decodeJpeg(FILE* file, uint64_t fileLength, const std::string& path, int eighths,
-                    const JpegRowChoice& choose)
+                    const JpegRowChoice& choose, bool rgba)
 {
     jpeg_decompress_struct cinfo;
     ErrorManager err;
@@ -261,9 +266,11 @@ JpegRows decodeJpeg(FILE* file, uint64_t fileLength, const std::string& path, in
         }
     } destroy{&cinfo, &created};
 
-    if (!readJpegHeader(&cinfo, &err, file, &created, eighths))
+    if (!readJpegHeader(&cinfo, &err, file, &created, eighths, rgba))
         throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), err.message));
-    if (cinfo.output_components != 3)
+    // A CMYK file has four components too; only RGB made RGBA passes.
+    const int channels = rgba ? 4 : 3;
+    if (cinfo.output_components != channels || (rgba && cinfo.out_color_space != JCS_EXT_RGBA))
         throw std::runtime_error("can not open JPEG with color format other than RGB");
     JpegRows result;
     result.eighths = int(8 * cinfo.scale_num / cinfo.scale_denom);
@@ -279,10 +286,10 @@ JpegRows decodeJpeg(FILE* file, uint64_t fileLength, const std::string& path, in
         end = std::clamp(rows.second, first + 1, result.height);
     }
     result.firstRow = first;
-    // Image checks width x height x 3 against the allocation limit itself.
-    result.rows = Image(result.width, end - first, 3);
+    // Image checks the size against the allocation limit itself.
+    result.rows = Image(result.width, end - first, channels);
     const MutableImageView pixels = result.rows.mutableView();
-    std::vector<JSAMPLE> scratch(size_t(result.width) * 3);
+    std::vector<JSAMPLE> scratch(size_t(result.width) * size_t(channels));
     if (!decodeJpegRows(&cinfo, &err, &pixels, JDIMENSION(first), scratch.data()))
         throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), err.message));
     return result;
@@ -308,17 +315,17 @@ Image readJpeg(const std::string& path, int eighths, int* decodedEighths)
 
 Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int eighths, int* decodedEighths)
 {
-    JpegRows decoded = decodeJpeg(file, fileLength, path, eighths, nullptr);
+    JpegRows decoded = decodeJpeg(file, fileLength, path, eighths, nullptr, false);
     if (decodedEighths)
         *decodedEighths = decoded.eighths;
     return std::move(decoded.rows);
 }
 
-JpegRows readJpegRows(const std::string& path, int eighths, const JpegRowChoice& choose)
+JpegRows readJpegRows(const std::string& path, int eighths, const JpegRowChoice& choose, bool rgba)
 {
     uint64_t length = 0;
     FilePtr file(openJpeg(path, &length));
-    return decodeJpeg(file.get(), length, path, eighths, choose);
+    return decodeJpeg(file.get(), length, path, eighths, choose, rgba);
 }
 
 void writeJpeg(const ImageView& rgb, const std::string& path, const std::vector<JpegMarker>& markers)

@@ -52,8 +52,8 @@ using JpegRowChoice = std::function<std::pair<int32_t, int32_t>(int32_t width, i
 // readJpeg that keeps only the rows `choose` asks for: the others are
 // skipped, entropy-decoded but neither transformed nor converted, so damage
 // anywhere in the file is still found. The rows kept are those of the whole
-// decode.
-JpegRows readJpegRows(const std::string& path, int eighths, const JpegRowChoice& choose);
+// decode; with `rgba` their pixels have a fourth byte, 255.
+JpegRows readJpegRows(const std::string& path, int eighths, const JpegRowChoice& choose, bool rgba = false);
 
 // An application segment written after the JPEG's own headers: the marker
 // code (JPEG_APP0 + n) and its payload (at most 65533 bytes).

@@ -23,14 +23,14 @@ inline uint8_t level(float v)
 
 }  // namespace
 
-void sharpenRgb8(const MutableImageView& rows, int32_t firstRow, int32_t height, const PixelRect& part)
+void sharpenLdr(const MutableImageView& rows, int32_t firstRow, int32_t height, const PixelRect& part)
 {
-    const int32_t width = rows.width();
+    const int32_t width = rows.width(), step = rows.channels();
     const int32_t top = std::max(part.y0 - 1, 0), bottom = std::min(part.y1 + 1, height);
-    if (rows.channels() != 3 || part.empty() || part.x0 < 0 || part.y0 < 0 || part.x1 > width ||
+    if ((step != 3 && step != 4) || part.empty() || part.x0 < 0 || part.y0 < 0 || part.x1 > width ||
         part.y1 > height || firstRow > top || firstRow + rows.height() < bottom)
-        throw std::invalid_argument("sharpenRgb8: the rows do not hold the part and its neighbours");
-    const int32_t n = 3 * (part.x1 - part.x0);
+        throw std::invalid_argument("sharpenLdr: the rows do not hold the part and its neighbours");
+    const int32_t n = step * (part.x1 - part.x0);
 
     // Three source rows as floats, columns part.x0 - 1 to part.x1, with the
     // image's edge pixel standing in for the column beyond it: the pixel
@@ -47,27 +47,29 @@ void sharpenRgb8(const MutableImageView& rows, int32_t firstRow, int32_t height,
                 free = i;
         }
         std::vector<float>& f = slots[free];
-        f.resize(size_t(n) + 6);
-        const uint8_t* src = rows.row(y - firstRow);
-        for (int32_t x = part.x0 - 1, i = 0; x <= part.x1; ++x) {
-            const uint8_t* p = src + 3 * std::clamp(x, 0, width - 1);
-            f[i++] = texel(p[0]), f[i++] = texel(p[1]), f[i++] = texel(p[2]);
-        }
+        f.resize(size_t(n + 2 * step));
+        const uint8_t* src = rows.pixel(part.x0, y - firstRow);
+        for (int32_t i = 0; i < n; ++i)
+            f[i + step] = texel(src[i]);
+        const uint8_t* left = part.x0 > 0 ? src - step : src;
+        const uint8_t* right = part.x1 < width ? src + n : src + n - step;
+        for (int32_t k = 0; k < step; ++k)
+            f[k] = texel(left[k]), f[n + step + k] = texel(right[k]);
         held[free] = y;
         return f.data();
     };
 
     for (int32_t y = part.y0; y < part.y1; ++y) {
         const int32_t above = std::max(y - 1, 0), below = std::min(y + 1, height - 1);
-        const float* u = floats(above, y, below) + 3;
+        const float* u = floats(above, y, below) + step;
         const float* m = floats(y, above, below);
-        const float* d = floats(below, above, y) + 3;
+        const float* d = floats(below, above, y) + step;
         uint8_t* out = rows.pixel(part.x0, y - firstRow);
         // The shader's operations, per channel, as the driver orders them:
         // its compiler adds the four neighbours in pairs, (l + r) + (u + d),
         // which rounds differently from the written left-to-right order.
         for (int32_t i = 0; i < n; ++i) {
-            const float c = m[i + 3], l = m[i], r = m[i + 6];
+            const float c = m[i + step], l = m[i], r = m[i + 2 * step];
             const float lo = std::min(c, std::min(std::min(l, r), std::min(u[i], d[i])));
             const float hi = std::max(c, std::max(std::max(l, r), std::max(u[i], d[i])));
             const float s = c + 0.5f * (c - 0.25f * ((l + r) + (u[i] + d[i])));

@@ -7,12 +7,12 @@
 #include "image/ImageView.h"
 #include "passes/StitchReach.h"
 
-// Sharpens the pixels `part` of an 8-bit RGB image in place: byte for byte
-// what the pass stores into its RGBA8 target on Mesa's llvmpipe, the
-// renderer's software GL driver (alpha aside, which is 1; another driver may
-// round a value that lies half-way between two levels the other way).
-// `rows` holds the rows [firstRow, firstRow + rows.height()) of an image
-// rows.width() x height pixels: those of `part` and the row beside it on each
-// side, as far as the image goes; throws std::invalid_argument otherwise.
-// Only the pixels of `part` change.
-void sharpenRgb8(const MutableImageView& rows, int32_t firstRow, int32_t height, const PixelRect& part);
+// Sharpens the pixels `part` of an 8-bit RGB or RGBA image in place: byte for
+// byte what the pass stores into its RGBA8 target on Mesa's llvmpipe, the
+// renderer's software GL driver (another driver may round a value that lies
+// half-way between two levels the other way). A fourth byte is treated like
+// the others, so 255 stays 255. `rows` holds the rows [firstRow, firstRow +
+// rows.height()) of an image rows.width() x height pixels: those of `part`
+// and the row beside it on each side, as far as the image goes; throws
+// std::invalid_argument otherwise. Only the pixels of `part` change.
+void sharpenLdr(const MutableImageView& rows, int32_t firstRow, int32_t height, const PixelRect& part);

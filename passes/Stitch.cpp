@@ -333,10 +333,9 @@ void EquirectStitcher::decodeNext()
         // reads, is left to the GPU.
         sharpen = [this, index, strips, load = loaded_](PendingImage::Decoded& decoded) {
             const PixelRect part = readablePart(index, strips, decoded.width, decoded.height, decoded.eighths);
-            if (decoded.pixels.channels() != 3 || part.empty() ||
-                !Texture::isWhole(decoded.width, decoded.height, maxTextureSize_))
+            if (part.empty() || !Texture::isWhole(decoded.width, decoded.height, maxTextureSize_))
                 return;
-            sharpenRgb8(decoded.pixels.mutableView(), decoded.firstRow, decoded.height, part);
+            sharpenLdr(decoded.pixels.mutableView(), decoded.firstRow, decoded.height, part);
             decoded.ready = true;
             decoded.x0 = part.x0, decoded.y0 = part.y0, decoded.x1 = part.x1, decoded.y1 = part.y1;
             sharpenedOnCpu_[load] = 1;

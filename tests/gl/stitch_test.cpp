@@ -491,13 +491,15 @@ TEST(StitchSharpen, CpuTwinMatchesThePass)
         Image gpu(iw, ih, 4);
         target.framebuffer.read(gpu.data(), GL_RGBA, GL_UNSIGNED_BYTE, iw, ih);
         const int first = std::max(part.y0 - 1, 0), rows = std::min(part.y1 + 1, ih) - first;
-        Image cpu(iw, rows, 3);
-        std::copy(image->pixel(0, first), image->pixel(0, first + rows), cpu.data());
-        sharpenRgb8(cpu.mutableView(), first, ih, part);
+        Image cpu(iw, rows, 4);  // RGBA, as the stitch decodes its sources
+        for (int y = 0; y < rows; ++y)
+            for (int x = 0; x < iw; ++x)
+                std::copy_n(image->pixel(x, first + y), 3, cpu.pixel(x, y)), cpu.pixel(x, y)[3] = 255;
+        sharpenLdr(cpu.mutableView(), first, ih, part);
         int differ = 0;
         for (int y = part.y0; y < part.y1; ++y)
             for (int x = part.x0; x < part.x1; ++x)
-                differ += !std::equal(gpu.pixel(x, y), gpu.pixel(x, y) + 3, cpu.pixel(x, y - first));
+                differ += !std::equal(gpu.pixel(x, y), gpu.pixel(x, y) + 4, cpu.pixel(x, y - first));
         EXPECT_EQ(differ, 0) << "pixels differ in a " << iw << " x " << ih << " image, " << groups.size() << " groups";
     }
 }
