@@ -375,8 +375,9 @@ Texture EquirectStitcher::loadEntry(size_t index)
     }
     // When the GPU sharpens an LDR job's sources, the unsharpened texture of
     // the last load is filled again (sources are all of a size), so that
-    // loading allocates nothing on the GPU side. In an HDR job it is let go after sharpening: the RGBE strip
-    // made for every readback takes its place.
+    // loading allocates nothing on the GPU side. In an HDR job it is let go
+    // after sharpening: the RGBE strip made for every readback takes its
+    // place.
     Texture loaded = current.take(&eighths_[index], std::move(unsharpened_));
     finishStage("load (temp)");
     // Memory: the next source is decoded while this one is sharpened only
