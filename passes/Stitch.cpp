@@ -8,6 +8,7 @@
 #include <limits>
 #include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -319,10 +320,16 @@ void EquirectStitcher::decodeNext()
     const size_t index = loadOrder_[loaded_];
     // Only the rows the sharpening reads are decoded and uploaded: those its
     // draws can read and one more either side. Asked on the decoding thread,
-    // which reads only what the strip loop leaves alone.
-    const std::vector<int> strips = loadStrips_[loaded_];
-    const auto rows = [this, index, strips](int32_t width, int32_t height, int eighths) {
-        const PixelRect part = readablePart(index, strips, width, height, eighths);
+    // which reads only what the strip loop leaves alone; worked out once for
+    // the row choice and the sharpening that follows it there.
+    const auto readable = [this, index, strips = loadStrips_[loaded_],
+                           known = std::make_shared<std::optional<PixelRect>>()](int width, int height, int eighths) {
+        if (!*known)
+            *known = readablePart(index, strips, width, height, eighths);
+        return **known;
+    };
+    const auto rows = [readable](int32_t width, int32_t height, int eighths) {
+        const PixelRect part = readable(width, height, eighths);
         return part.empty() ? std::pair<int32_t, int32_t>{0, 1}
                             : std::pair<int32_t, int32_t>{part.y0 - 1, part.y1 + 1};
     };
@@ -331,8 +338,8 @@ void EquirectStitcher::decodeNext()
         // The texels the GPU pass would sharpen, from the rows decoded for
         // them; a source that fits no texture in one piece, or that no draw
         // reads, is left to the GPU.
-        sharpen = [this, index, strips, load = loaded_](PendingImage::Decoded& decoded) {
-            const PixelRect part = readablePart(index, strips, decoded.width, decoded.height, decoded.eighths);
+        sharpen = [this, readable, load = loaded_](PendingImage::Decoded& decoded) {
+            const PixelRect part = readable(decoded.width, decoded.height, decoded.eighths);
             if (part.empty() || !Texture::isWhole(decoded.width, decoded.height, maxTextureSize_))
                 return;
             sharpenLdr(decoded.pixels.mutableView(), decoded.firstRow, decoded.height, part);
