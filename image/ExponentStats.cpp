@@ -74,8 +74,8 @@ ExponentStats exponentStats(const ImageView& rgbe)
     return s;
 }
 
-void printExponentStats(const ImageView& rgbe, int maxE, int minE, double mean)
+void printExponentStats(int32_t width, int32_t height, int maxE, int minE, double mean)
 {
-    std::cerr << rgbe.width() << "x" << rgbe.height() << ", M: " << maxE << ", m: " << minE << " -> "
+    std::cerr << width << "x" << height << ", M: " << maxE << ", m: " << minE << " -> "
               << maxE - minE << " f-stops, mean: " << mean << std::endl;
 }

@@ -25,4 +25,4 @@ struct ExponentStats {
 ExponentStats exponentStats(const ImageView& rgbe);
 
 // Prints "WxH, M: maxE, m: minE -> maxE-minE f-stops, mean: mean" and a newline on stderr.
-void printExponentStats(const ImageView& rgbe, int maxE, int minE, double mean);
+void printExponentStats(int32_t width, int32_t height, int maxE, int minE, double mean);

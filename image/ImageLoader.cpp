@@ -340,8 +340,7 @@ Texture PendingImage::take(int* decodedEighths, Texture reuse)
 
     // The line gives the file's size, whatever size the pixels were decoded at.
     const ExponentStats& stats = decoded.stats;
-    printExponentStats(ImageView(nullptr, decoded.fileWidth, decoded.fileHeight, 4), stats.maxE, stats.minE,
-                       stats.mean());
+    printExponentStats(decoded.fileWidth, decoded.fileHeight, stats.maxE, stats.minE, stats.mean());
     Texture texture = upload(decoded.pixels, 0, decoded.firstRow, decoded.width, decoded.height, GL_RGBA8, GL_RGBA,
                              std::move(reuse));
     texture.setExposureLevels(std::exp2(stats.mean()), std::exp2(double(stats.minE)), std::exp2(double(stats.maxE)));
@@ -374,7 +373,7 @@ void checkLoadable(const std::string& path)
 Texture uploadRgbe(const ImageView& rgbe)
 {
     const ExponentStats stats = exponentStats(rgbe);
-    printExponentStats(rgbe, stats.maxE, stats.minE, stats.mean());
+    printExponentStats(rgbe.width(), rgbe.height(), stats.maxE, stats.minE, stats.mean());
     Texture texture = Texture::upload(rgbe.width(), rgbe.height(), GL_RGBA8, GL_RGBA, rgbe.data(), rgbe.stride());
     texture.setExposureLevels(std::exp2(stats.mean()), std::exp2(double(stats.minE)), std::exp2(double(stats.maxE)));
     return texture;

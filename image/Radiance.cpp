@@ -407,7 +407,7 @@ void writeRadiance(std::ostream& out, const ImageView& rgbe)
         << std::endl
         << "-Y " << rgbe.height() << " +X " << rgbe.width() << std::endl;
     const ExponentStats stats = exponentStats(rgbe);
-    printExponentStats(rgbe, stats.maxE, stats.minE, stats.mean());
+    printExponentStats(rgbe.width(), rgbe.height(), stats.maxE, stats.minE, stats.mean());
     if (rgbe.width() >= 8 && rgbe.width() <= 65535)
         writeRunLengthPixels(out, rgbe);
     else

@@ -38,7 +38,7 @@ MutableImageView tonemap(const MutableImageView& rgbe)
         // Each chunk's line shows the plain minimum.
         const ImageView chunk(in, chunks.width, chunks.height, 4);
         const ExponentStats stats = exponentStats(chunk);
-        printExponentStats(chunk, stats.maxE, stats.lowestE, stats.mean());
+        printExponentStats(chunk.width(), chunk.height(), stats.maxE, stats.lowestE, stats.mean());
 
         const Texture input = Texture::upload(chunks.width, chunks.height, GL_RGBA8, GL_RGBA, in, 4 * chunks.width);
         finishStage("cpu -> gpu (render)");
