@@ -1,6 +1,5 @@
 #include "app/Options.h"
 
-#include "image/FormatText.h"
 #include "image/OptionHash.h"
 
 namespace {
@@ -62,8 +61,11 @@ ParseAction parseOptions(int argc, char** argv, JobOptions& options)
         case "--cf-exr"_oh: options.writeCfExr = true; ++i; break;
         case "--cf-jpg"_oh: options.writeCfJpg = true; ++i; break;
         case "--no-auto-level"_oh: options.autoLevel = false; ++i; break;
-        case "-v"_oh: return ParseAction::PrintVersion;
+        case "-v"_oh:
+        case "--version"_oh: return ParseAction::PrintVersion;
         case "-V"_oh: return ParseAction::PrintVersionAndGL;
+        case "-h"_oh:
+        case "--help"_oh: return ParseAction::PrintHelp;
         default:
             if (i != 1)
                 throw UsageError("unknown option '" + arg + "'");
@@ -74,10 +76,38 @@ ParseAction parseOptions(int argc, char** argv, JobOptions& options)
     return ParseAction::RunJob;
 }
 
+namespace {
+std::string usageLine(const std::string& programName)
+{
+    return "Usage: " + programName +
+           " <pts/tsp/hdr/exr file> [--output-prefix basename] [--er-width width] [--cf-width width] [--er-exr] "
+           "[--er-hdr] [--er-jpg] [--cf-exr] [--cf-jpg] [--no-auto-level] [--logo jpg file] "
+           "[--exr-compression b44|dwa|piz|zip]\n";
+}
+}  // namespace
+
 std::string usageText(const std::string& error, const std::string& programName)
 {
-    return formatText("Error: %s\nUsage: %s <pts/tsp/hdr/exr file> [--output-prefix basename] [--er-width width] "
-                      "[--cf-width width] [--er-exr] [--er-hdr] [--er-jpg] [--cf-exr] [--cf-jpg] [--no-auto-level] "
-                      "[--logo jpg file] [--exr-compression b44|dwa|piz|zip]\n",
-                      error.c_str(), programName.c_str());
+    return "Error: " + error + "\n" + usageLine(programName);
+}
+
+std::string helpText(const std::string& programName)
+{
+    return usageLine(programName) +
+           "  <file>             a pts or tsp project, or a .hdr/.exr panorama this program rendered\n"
+           "  --output-prefix    name the outputs start with (default: the input without its extension);\n"
+           "                     ending in '/': JPEG cube faces as a tile pyramid in that folder\n"
+           "  --er-width         width of the equirect panorama of a project (default: from the first image)\n"
+           "  --cf-width         width of a cube face (default: a quarter of the panorama)\n"
+           "  --er-exr           write the panorama as OpenEXR (prefix.exr; HDR projects and images)\n"
+           "  --er-hdr           write the panorama as Radiance HDR (prefix.hdr; HDR projects and images)\n"
+           "  --er-jpg           write the panorama as JPEG (prefix.jpg)\n"
+           "  --cf-exr           write the cube faces as a tiled OpenEXR cube map (prefix.exr; HDR only)\n"
+           "  --cf-jpg           write the cube faces as JPEGs and the web viewers' files\n"
+           "  --no-auto-level    ignore the capture's orientation line (no levelling, no turn to its heading)\n"
+           "  --logo             JPEG drawn into the nadir of every output\n"
+           "  --exr-compression  OpenEXR compression (default: dwa)\n"
+           "  -v, --version      print the version\n"
+           "  -V                 print the version and the OpenGL driver's report\n"
+           "  -h, --help         print this help\n";
 }

@@ -3,10 +3,9 @@
 // fills it. Options are recognised by the value of optionHash alone.
 #include <cstdint>
 #include <filesystem>
-#include <stdexcept>
 #include <string>
 
-constexpr const char* kVersionText = "21.01.5008";
+#include "app/CommandLine.h"
 
 struct JobOptions {
     std::filesystem::path inputPath;      // always the first argument
@@ -23,21 +22,8 @@ struct JobOptions {
     bool writeCfJpg = false;
 };
 
-// What the command line asks for once it is parsed.
-enum class ParseAction {
-    RunJob,              // JobOptions is complete, render
-    PrintVersion,        // "-v": version line only
-    PrintVersionAndGL,   // "-V": version line and the GL report
-};
-
-// A command line the program cannot run: the message goes into the usage text.
-class UsageError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
 // Parses argv[0..argc) (argv[argc] must be the terminating null entry) into
-// `options`. Stops at "-v" or "-V". Throws UsageError for fewer than one
+// `options`. Stops at "-v", "--version", "-V", "-h" or "--help". Throws UsageError for fewer than one
 // argument or an unknown option after the first; std::invalid_argument /
 // std::out_of_range ("stoi") for a bad width; std::logic_error when an option
 // that takes a value is the last argument.
@@ -45,3 +31,6 @@ ParseAction parseOptions(int argc, char** argv, JobOptions& options);
 
 // The usage text with `error` and the program name, as printed on standard output.
 std::string usageText(const std::string& error, const std::string& programName);
+
+// The text of --help: the usage line, then one line for each option.
+std::string helpText(const std::string& programName);

@@ -1,7 +1,6 @@
 #include "app/RenderJob.h"
 
 #include <iostream>
-#include <sstream>
 
 #include "app/RenderPlan.h"
 #include "image/ImageLoader.h"
@@ -17,86 +16,88 @@
 #include "passes/Thumbnail.h"
 #include "passes/Tonemap.h"
 #include "passes/WebViewers.h"
-#include "project/PtsImport.h"
-#include "project/TspProject.h"
 
 namespace {
 
-// Fails at once, with the error the failing step would give, when an option
-// cannot succeed: a cube face width the plan rejects, a panorama or cube face
-// beyond the GPU's texture limit, or a logo that cannot be opened. Without
-// this a project would be stitched (a minute at full size) and some outputs
-// written before the job fails.
+// Fails at once, with the error the failing step would give, when a step
+// cannot succeed: a panorama or cube face beyond the GPU's texture limit, or
+// a logo that cannot be opened. Without this a project would be stitched (a
+// minute at full size) and some outputs written before the job fails.
 void checkFeasible(const RenderPlan& plan)
 {
-    RenderPlan trial = plan;
-    std::ostringstream discarded;  // the width line is printed when the outputs are really planned
-    planOutputs(trial, discarded);
-    if (plan.isProject())
+    if (plan.has(StepKind::Stitch))
         Texture::checkFits(plan.width / plan.slotCount, plan.height);  // one stitch strip
-    if (plan.options.writeCfJpg || (plan.options.writeCfExr && plan.hdr)) {
+    if (plan.has(StepKind::CubeFacesJpeg) || plan.has(StepKind::CubeMapExr)) {
         Texture::checkFits(plan.width, plan.height);  // the panorama as the faces' source
-        Texture::checkFits(trial.cubeFaceWidth, trial.cubeFaceWidth);
+        Texture::checkFits(plan.cubeFaceWidth, plan.cubeFaceWidth);
     }
-    if (!plan.options.logoPath.empty())
+    if (plan.has(StepKind::Logo))
         checkLoadable(plan.options.logoPath.string());
 }
 
-// Loads the project, completes the plan from it and stitches it.
-Image stitchProject(RenderPlan& plan)
+// Walks the steps of a checked plan. `pano` holds RGBE in an HDR render, else
+// RGB; tone mapping turns RGBE into RGB in the same buffer, and `rgb` is the
+// 8-bit view from then on.
+void executePlan(const RenderPlan& plan)
 {
-    Project project =
-        plan.input == InputKind::TspProject ? loadTspProject(plan.inputPath) : importPtsScript(plan.inputPath);
-    printProjectListing(project, std::cerr);
-    planProject(plan, project, std::cerr);
-    checkFeasible(plan);
-
-    Image pano(plan.width, plan.height, panoramaChannels(plan.hdr));
-    stitchEquirect(pano.mutableView(), plan.inputPath, project, plan.hdr, plan.options.autoLevel);
-    return pano;
-}
-
-// The finishing passes and the writes of a complete plan, in their fixed order.
-// `pano` holds RGBE in an HDR render, else RGB; tone mapping turns RGBE into
-// RGB in the same buffer.
-void executePlan(const RenderPlan& plan, Image& pano)
-{
-    if (!plan.options.logoPath.empty())
-        drawLogo(pano.mutableView(), plan.options.logoPath.string(), plan.hdr);
-    if (plan.upsideDown) {
-        reversePixels(pano.data(), int64_t(pano.width()) * pano.height(), pano.channels());
-        finishStage("upside_down");
-    }
-    // The thumbnail exists before the EXR outputs that embed it.
-    if (plan.writesThumbnail())
-        makeThumbnail(pano, plan.hdr, plan.thumbnailPath);
-
-    ImageView rgb = pano;
-    if (plan.hdr) {
-        const ImageView rgbe = pano;
-        if (plan.options.writeErHdr) {
-            writeRadianceFile(rgbe, plan.radiancePath());
+    Image pano;
+    ImageView rgb;
+    for (const PlanStep& step : plan.steps) {
+        const std::string& out = step.outputs.empty() ? plan.outputPrefix : step.outputs.front();
+        switch (step.kind) {
+        case StepKind::Stitch: {
+            Project project = plan.project;  // the stitch measures the yaws from its first image
+            pano = Image(plan.width, plan.height, panoramaChannels(plan.hdr));
+            stitchEquirect(pano.mutableView(), plan.inputPath, project, plan.hdr, plan.options.autoLevel);
+            rgb = pano;
+            break;
+        }
+        case StepKind::ReadImage:
+            pano = plan.input == InputKind::RadianceImage ? readRadiance(plan.inputPath) : readExr(plan.inputPath);
+            finishStage("read hdr/exr");
+            rgb = pano;
+            break;
+        case StepKind::Note:
+            std::cerr << step.text << std::flush;
+            break;
+        case StepKind::Logo:
+            drawLogo(pano.mutableView(), plan.options.logoPath.string(), plan.hdr);
+            break;
+        case StepKind::UpsideDown:
+            reversePixels(pano.data(), int64_t(pano.width()) * pano.height(), pano.channels());
+            finishStage("upside_down");
+            break;
+        case StepKind::Thumbnail:
+            makeThumbnail(pano, plan.hdr, out);
+            break;
+        case StepKind::EquirectRadiance:
+            writeRadianceFile(pano, out);
             finishStage("save (equirect HDR)");
-        }
-        if (plan.options.writeErExr) {
-            writeEquirectExr(rgbe, plan.exrPath(), plan.options.exrCompression, plan.thumbnailPath, plan.projectPath);
+            break;
+        case StepKind::EquirectExr:
+            writeEquirectExr(pano, out, plan.options.exrCompression, plan.thumbnailPath, plan.projectPath);
             finishStage("save (equirect EXR)");
+            break;
+        case StepKind::CubeMapExr:
+            writeCubeFacesExr(pano, plan.cubeFaceWidth, out, plan.options.exrCompression, plan.thumbnailPath,
+                              plan.projectPath);
+            break;
+        case StepKind::Tonemap:
+            rgb = tonemap(pano.mutableView());
+            break;
+        case StepKind::EquirectJpeg:
+            writeJpeg(rgb, out, {photoSphereXmp(rgb.width(), rgb.height())});
+            finishStage("save (equirect JPG)");
+            break;
+        case StepKind::PlainJpeg:
+            writeJpeg(rgb, out);
+            finishStage("save (JPG)");
+            break;
+        case StepKind::CubeFacesJpeg:
+            writeCubeFacesJpeg(rgb, plan.cubeFaceWidth, CubeJpegNames(plan.outputPrefix));
+            writeWebViewerFiles(plan.cubeFaceWidth, plan.outputPrefix);
+            break;
         }
-        if (plan.options.writeCfExr)
-            writeCubeFacesExr(rgbe, plan.cubeFaceWidth, plan.exrPath(), plan.options.exrCompression,
-                              plan.thumbnailPath, plan.projectPath);
-        if (!plan.options.writeErJpg && !plan.options.writeCfJpg)
-            return;
-        rgb = tonemap(pano.mutableView());
-    }
-
-    if (plan.options.writeErJpg) {
-        writeJpeg(rgb, plan.equirectJpegPath(), {photoSphereXmp(rgb.width(), rgb.height())});
-        finishStage("save (equirect JPG)");
-    }
-    if (plan.options.writeCfJpg) {
-        writeCubeFacesJpeg(rgb, plan.cubeFaceWidth, CubeJpegNames(plan.outputPrefix));
-        writeWebViewerFiles(plan.cubeFaceWidth, plan.outputPrefix);
     }
 }
 
@@ -104,26 +105,10 @@ void executePlan(const RenderPlan& plan, Image& pano)
 
 int runRenderJob(const JobOptions& options, RenderPlan* planned)
 {
-    RenderPlan plan = planInput(options);
-    Image pano;
-    if (plan.isProject()) {
-        pano = stitchProject(plan);
-    } else {
-        pano = plan.input == InputKind::RadianceImage ? readRadiance(plan.inputPath) : readExr(plan.inputPath);
-        finishStage("read hdr/exr");
-        planImageInput(plan, pano.width(), pano.height(), std::cerr);
-        if (plan.tonemapOnly) {
-            if (planned)
-                *planned = plan;
-            writeJpeg(tonemap(pano.mutableView()), plan.tonemapOnlyPath());
-            finishStage("save (JPG)");
-            return -1;
-        }
-        checkFeasible(plan);
-    }
-    planOutputs(plan, std::cerr);
+    const RenderPlan plan = planJob(options, std::cerr);
+    checkFeasible(plan);
     if (planned)
         *planned = plan;
-    executePlan(plan, pano);
-    return 0;
+    executePlan(plan);
+    return plan.tonemapOnly ? -1 : 0;
 }

@@ -10,7 +10,9 @@ struct RenderPlan;
 // the selected outputs in their fixed order. Returns 0, or -1 when an image
 // input of a size this program does not render was only tone-mapped to a
 // JPEG. Every failure is an exception; no output file is left half written.
-// The decisions are made into a RenderPlan first; `options` is left as given.
-// When `planned` is given it receives the plan as soon as it is complete,
-// before any output is written (the batch program records its output files).
+// The decisions are made into a RenderPlan first (planJob), checked once
+// against the GPU and the logo file, then the plan's steps run in order;
+// `options` is left as given. When `planned` is given it receives the plan
+// once it is checked, before the panorama is made (the batch program records
+// its output files).
 int runRenderJob(const JobOptions& options, RenderPlan* planned = nullptr);

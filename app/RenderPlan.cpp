@@ -132,7 +132,7 @@ RenderPlan planInput(const JobOptions& options)
     return plan;
 }
 
-void planProject(RenderPlan& plan, Project& project, std::ostream& log)
+void planProject(RenderPlan& plan, Project project, std::ostream& log)
 {
     const int32_t givenWidth = plan.options.erWidth;
     plan.hdr = isHdrProject(project);
@@ -143,71 +143,101 @@ void planProject(RenderPlan& plan, Project& project, std::ostream& log)
     if (plan.width <= 0)
         throw std::runtime_error(formatText("Invalid output equirect width %d", plan.width));
     plan.height = plan.width / 2;
+    plan.project = std::move(project);
 }
 
-void planImageInput(RenderPlan& plan, int32_t width, int32_t height, std::ostream& log)
+void planImageInput(RenderPlan& plan, int32_t width, int32_t height)
 {
     plan.width = width;
     plan.height = height;
     plan.hdr = true;
     plan.tonemapOnly = !isRenderedEquirectSize(width, height);
-    if (plan.tonemapOnly) {
-        log << "can only reproject equirect hdr images that have been rendered with this tool "
-               "(unsupported image dimensions "
-            << width << "x" << height << ") -> tonemapping only" << std::endl;
-        plan.outputFiles = {plan.tonemapOnlyPath()};
-    }
 }
 
-void planOutputs(RenderPlan& plan, std::ostream& log)
+bool RenderPlan::has(StepKind kind) const
 {
-    const int32_t givenCubeFaceWidth = plan.options.cfWidth;
-    plan.cubeFaceWidth = givenCubeFaceWidth == 0 ? plan.width / 4 : givenCubeFaceWidth;
-    if (plan.options.writeCfExr || plan.tileFolder)
-        plan.cubeFaceWidth = roundCubeFaceWidth(plan.cubeFaceWidth, log);
-    if ((plan.options.writeCfJpg || (plan.options.writeCfExr && plan.hdr)) && plan.cubeFaceWidth < 1)
+    return std::any_of(steps.begin(), steps.end(), [kind](const PlanStep& s) { return s.kind == kind; });
+}
+
+std::vector<std::string> RenderPlan::outputFiles() const
+{
+    // The cube map EXR takes the equirect EXR's name and replaces it.
+    std::vector<std::string> files;
+    for (const PlanStep& step : steps)
+        for (const std::string& file : step.outputs)
+            if (std::find(files.begin(), files.end(), file) == files.end())
+                files.push_back(file);
+    return files;
+}
+
+void planSteps(RenderPlan& plan)
+{
+    std::vector<PlanStep>& steps = plan.steps;
+    steps.clear();
+    steps.push_back({plan.isProject() ? StepKind::Stitch : StepKind::ReadImage, {}, {}});
+    if (plan.tonemapOnly) {
+        steps.push_back({StepKind::Note, {},
+                         formatText("can only reproject equirect hdr images that have been rendered with this tool "
+                                    "(unsupported image dimensions %dx%d) -> tonemapping only\n",
+                                    plan.width, plan.height)});
+        steps.push_back({StepKind::Tonemap, {}, {}});
+        steps.push_back({StepKind::PlainJpeg, {plan.tonemapOnlyPath()}, {}});
+        return;
+    }
+
+    const JobOptions& o = plan.options;
+    plan.cubeFaceWidth = o.cfWidth == 0 ? plan.width / 4 : o.cfWidth;
+    if (o.writeCfExr || plan.tileFolder) {
+        std::ostringstream line;  // printed once the panorama exists, before it is finished
+        plan.cubeFaceWidth = roundCubeFaceWidth(plan.cubeFaceWidth, line);
+        steps.push_back({StepKind::Note, {}, line.str()});
+    }
+    const bool hdrCubeMap = o.writeCfExr && plan.hdr;
+    if ((o.writeCfJpg || hdrCubeMap) && plan.cubeFaceWidth < 1)
         throw std::runtime_error(formatText("Invalid cube face width %d", plan.cubeFaceWidth));
 
-    std::vector<std::string>& files = plan.outputFiles;
-    files.clear();
+    if (!o.logoPath.empty())
+        steps.push_back({StepKind::Logo, {}, {}});
+    if (plan.upsideDown)
+        steps.push_back({StepKind::UpsideDown, {}, {}});
+    // The thumbnail exists before the EXR outputs that embed it.
     if (plan.writesThumbnail())
-        files.push_back(plan.thumbnailPath);
+        steps.push_back({StepKind::Thumbnail, {plan.thumbnailPath}, {}});
+    // LDR renders skip the HDR outputs.
     if (plan.hdr) {
-        if (plan.options.writeErHdr)
-            files.push_back(plan.radiancePath());
-        // The cube map EXR takes the equirect EXR's name and replaces it.
-        if ((plan.options.writeErExr || plan.options.writeCfExr) &&
-            std::find(files.begin(), files.end(), plan.exrPath()) == files.end())
-            files.push_back(plan.exrPath());
+        if (o.writeErHdr)
+            steps.push_back({StepKind::EquirectRadiance, {plan.radiancePath()}, {}});
+        if (o.writeErExr)
+            steps.push_back({StepKind::EquirectExr, {plan.exrPath()}, {}});
+        if (hdrCubeMap)
+            steps.push_back({StepKind::CubeMapExr, {plan.exrPath()}, {}});
+        if (o.writeErJpg || o.writeCfJpg)
+            steps.push_back({StepKind::Tonemap, {}, {}});
     }
-    if (plan.options.writeErJpg && std::find(files.begin(), files.end(), plan.equirectJpegPath()) == files.end())
-        files.push_back(plan.equirectJpegPath());
-    if (plan.options.writeCfJpg) {
-        const std::vector<std::string> faces = CubeJpegNames(plan.outputPrefix).all(plan.cubeFaceWidth);
-        files.insert(files.end(), faces.begin(), faces.end());
+    if (o.writeErJpg)
+        steps.push_back({StepKind::EquirectJpeg, {plan.equirectJpegPath()}, {}});
+    if (o.writeCfJpg) {
+        PlanStep faces{StepKind::CubeFacesJpeg, CubeJpegNames(plan.outputPrefix).all(plan.cubeFaceWidth), {}};
         for (const TextOutput& viewer : webViewerFiles(plan.cubeFaceWidth, plan.outputPrefix))
-            files.push_back(viewer.path);
+            faces.outputs.push_back(viewer.path);
+        steps.push_back(std::move(faces));
     }
 }
 
-RenderPlan planJob(const JobOptions& options)
+RenderPlan planJob(const JobOptions& options, std::ostream& log)
 {
-    std::ostringstream discarded;  // console lines belong to the run that renders
     RenderPlan plan = planInput(options);
     if (plan.isProject()) {
         Project project = plan.input == InputKind::TspProject ? loadTspProject(plan.inputPath)
                                                               : importPtsScript(plan.inputPath);
-        planProject(plan, project, discarded);
+        printProjectListing(project, log);
+        planProject(plan, std::move(project), log);
     } else {
         const auto [width, height] = plan.input == InputKind::RadianceImage ? radianceSize(plan.inputPath)
                                                                             : exrSize(plan.inputPath);
-        planImageInput(plan, width, height, discarded);
-        if (plan.tonemapOnly) {
-            plan.outputFiles = {plan.tonemapOnlyPath()};
-            return plan;
-        }
+        planImageInput(plan, width, height);
     }
-    planOutputs(plan, discarded);
+    planSteps(plan);
     return plan;
 }
 
@@ -221,6 +251,6 @@ void printPlan(const RenderPlan& plan, std::ostream& out)
         out << "slots: " << plan.slotCount << "\n";
     out << "equirect: " << plan.width << " x " << plan.height << "\n"
         << "cube face: " << plan.cubeFaceWidth << "\n";
-    for (const std::string& file : plan.outputFiles)
+    for (const std::string& file : plan.outputFiles())
         out << "writes: " << file << "\n";
 }

@@ -1,14 +1,18 @@
 #pragma once
 // The decisions of a render job, made once into a RenderPlan before the job
-// acts on them: input kind, mode, slot count, output sizes with their console
-// messages and every output file. None of this needs a GL context.
+// acts on them: input kind, mode, slot count, output sizes and the steps of
+// the job in the order they run, each with the files it writes. None of this
+// needs a GL context; the job checks the plan against the GPU once, then
+// walks its steps.
 //
-// The plan is made in three steps, each at the point of the job where its
-// facts are known and where its console lines and failures belong:
+// The plan is made in three phases:
 //   planInput          from the options alone (input kind, output names);
 //   planProject /      from the loaded project (mode, slots, equirect width)
 //   planImageInput     or from the size of a .hdr/.exr input;
-//   planOutputs        cube face width and the list of files to write.
+//   planSteps          cube face width and the list of steps.
+// planJob runs all three. Console lines that belong to the moment a step runs
+// (the cube face width, the tone-mapping-only notice) are kept in the plan as
+// Note steps; the listing and the equirect width are printed while planning.
 #include <cstdint>
 #include <ostream>
 #include <string>
@@ -24,9 +28,33 @@ enum class InputKind {
     ExrImage,       // ".exr" panorama this program rendered
 };
 
+// What one step of a job does. The executor (app/RenderJob.cpp) has one case
+// per kind; planSteps decides which steps a job has and in what order.
+enum class StepKind {
+    Stitch,            // the project stitched into a new panorama
+    ReadImage,         // the .hdr/.exr input read as the panorama
+    Note,              // prints `text` on standard error
+    Logo,              // the logo drawn into the nadir
+    UpsideDown,        // the panorama turned by 180 degrees
+    Thumbnail,         // 1000 x 500 JPEG
+    EquirectRadiance,  // the RGBE panorama as a Radiance file
+    EquirectExr,       // the RGBE panorama as OpenEXR
+    CubeMapExr,        // tiled OpenEXR cube map from the RGBE panorama
+    Tonemap,           // RGBE to 8-bit RGB in place
+    EquirectJpeg,      // the 8-bit panorama with its photo-sphere metadata
+    PlainJpeg,         // the 8-bit panorama as a bare JPEG (tone-mapping only)
+    CubeFacesJpeg,     // JPEG faces or a tile pyramid, and the web viewers' files
+};
+
+struct PlanStep {
+    StepKind kind;
+    std::vector<std::string> outputs;  // files the step writes, in the order it writes them
+    std::string text;                  // Note only: the console text with its newline
+};
+
 struct RenderPlan {
     // From the options, which the plan keeps as they were given (logo,
-    // compression, auto level and the selected outputs are read from there).
+    // compression and auto level are read from there).
     JobOptions options;
     InputKind input = InputKind::PtsScript;
     std::string inputPath;
@@ -36,6 +64,7 @@ struct RenderPlan {
     bool tileFolder = false;    // the prefix names a folder: JPEG faces as a tile pyramid, no thumbnail
 
     // From the project or the image input.
+    Project project;           // projects only: as loaded, with the upside-down rule applied
     bool hdr = false;
     bool upsideDown = false;   // turn the panorama by 180 degrees
     bool tonemapOnly = false;  // image input of a size this program does not render
@@ -43,12 +72,15 @@ struct RenderPlan {
     int32_t width = 0;         // equirect panorama
     int32_t height = 0;
 
-    // From planOutputs.
+    // From planSteps.
     int32_t cubeFaceWidth = 0;
-    std::vector<std::string> outputFiles;  // every file the job writes, in the order it writes them
+    std::vector<PlanStep> steps;  // in the order the job runs them
 
     bool isProject() const { return input == InputKind::TspProject || input == InputKind::PtsScript; }
     bool writesThumbnail() const { return width >= 2000 && !tileFolder; }
+    bool has(StepKind kind) const;
+    // Every file the steps write, each once, in the order first written.
+    std::vector<std::string> outputFiles() const;
     // The equirect JPEG: a panorama no wider than the thumbnail takes the thumbnail's name.
     std::string equirectJpegPath() const { return width > 1000 ? outputPrefix + ".jpg" : thumbnailPath; }
     std::string radiancePath() const { return outputPrefix + ".hdr"; }
@@ -57,28 +89,30 @@ struct RenderPlan {
     std::string tonemapOnlyPath() const { return outputPrefix + ".jpg"; }
 };
 
-// Step one: input kind and output names from the options.
+// Phase one: input kind and output names from the options.
 RenderPlan planInput(const JobOptions& options);
 
-// Step two for a project: mode, upside-down rule (applied to `project`, see
-// applyUpsideDownRule), slot count and equirect width (with its console line
-// on `log`). Throws std::runtime_error "Invalid output equirect width %d".
-void planProject(RenderPlan& plan, Project& project, std::ostream& log);
+// Phase two for a project: mode, upside-down rule (applied to the project,
+// see applyUpsideDownRule), slot count and equirect width (with its console
+// line on `log`); the plan keeps the project for the stitch. Throws
+// std::runtime_error "Invalid output equirect width %d".
+void planProject(RenderPlan& plan, Project project, std::ostream& log);
 
-// Step two for a .hdr/.exr input of the given size: HDR, or tone-mapping only
-// for a size this program does not render (with its console line on `log`).
-void planImageInput(RenderPlan& plan, int32_t width, int32_t height, std::ostream& log);
+// Phase two for a .hdr/.exr input of the given size: HDR, or tone-mapping only
+// for a size this program does not render.
+void planImageInput(RenderPlan& plan, int32_t width, int32_t height);
 
-// Step three: cube face width (a quarter of the panorama unless given,
-// rounded with its console line when a cube map EXR or a tile pyramid is
-// written) and the output files. Throws std::runtime_error for a cube face
-// width that cannot be written.
-void planOutputs(RenderPlan& plan, std::ostream& log);
+// Phase three: cube face width (a quarter of the panorama unless given,
+// rounded when a cube map EXR or a tile pyramid is written, its console line
+// kept as a Note after the panorama is made) and the steps. Throws
+// std::runtime_error for a cube face width that cannot be written.
+void planSteps(RenderPlan& plan);
 
-// The whole plan of a job without rendering anything: loads the project, or
-// reads only the header of an image input; prints nothing. Throws what the
-// job would throw for the same options and files up to that point.
-RenderPlan planJob(const JobOptions& options);
+// The whole plan of a job: loads the project (the listing and the equirect
+// width line go to `log`), or reads only the header of an image input.
+// Throws what the job would throw for the same options and files up to that
+// point.
+RenderPlan planJob(const JobOptions& options, std::ostream& log);
 
 // The plan in a few lines, for reading (not a console line of the job).
 void printPlan(const RenderPlan& plan, std::ostream& out);

@@ -7,7 +7,7 @@
 #include <tuple>
 #include <vector>
 
-#include "app/JobEntry.h"
+#include "app/CommandLine.h"
 #include "app/Options.h"
 #include "app/RenderPlan.h"
 #include "image/OptionHash.h"

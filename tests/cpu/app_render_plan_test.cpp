@@ -190,8 +190,8 @@ TEST(RenderPlan, OutputFilesInTheOrderWritten)
         Project project = projectOf(8, false, row.sourceExt);
         std::ostringstream log;
         planProject(plan, project, log);
-        planOutputs(plan, log);
-        EXPECT_EQ(plan.outputFiles, row.files) << row.args[1];
+        planSteps(plan);
+        EXPECT_EQ(plan.outputFiles(), row.files) << row.args[1];
     }
 }
 
@@ -204,21 +204,21 @@ TEST(RenderPlan, TilePyramidAndImageInputs)
     RenderPlan plan = planInput(options);
     EXPECT_EQ(plan.input, InputKind::ExrImage);
     EXPECT_TRUE(plan.projectPath.empty());
-    std::ostringstream log;
-    planImageInput(plan, 4400, 2200, log);
-    planOutputs(plan, log);
+    planImageInput(plan, 4400, 2200);
+    planSteps(plan);
     // 1100-pixel faces in tiles of 275: levels 2, 1 and 0 with 16, 4 and 1 tiles.
     EXPECT_EQ(plan.cubeFaceWidth, 1100);
-    ASSERT_EQ(plan.outputFiles.size(), 6u * 21u + 5u);  // and the web viewer files
-    EXPECT_EQ(plan.outputFiles.front(), "t/2_r_00_00.jpg");
-    EXPECT_EQ(plan.outputFiles[15], "t/2_r_03_03.jpg");
-    EXPECT_EQ(plan.outputFiles[20], "t/0_r_00_00.jpg");
-    EXPECT_EQ(plan.outputFiles[6 * 21 - 1], "t/0_f_00_00.jpg");
-    EXPECT_EQ(plan.outputFiles.back(), "t/index.html");
+    ASSERT_EQ(plan.outputFiles().size(), 6u * 21u + 5u);  // and the web viewer files
+    EXPECT_EQ(plan.outputFiles().front(), "t/2_r_00_00.jpg");
+    EXPECT_EQ(plan.outputFiles()[15], "t/2_r_03_03.jpg");
+    EXPECT_EQ(plan.outputFiles()[20], "t/0_r_00_00.jpg");
+    EXPECT_EQ(plan.outputFiles()[6 * 21 - 1], "t/0_f_00_00.jpg");
+    EXPECT_EQ(plan.outputFiles().back(), "t/index.html");
 
     // A size this program does not render is only tone-mapped.
     RenderPlan odd = planInput(options);
-    planImageInput(odd, 4400, 2000, log);
+    planImageInput(odd, 4400, 2000);
+    planSteps(odd);
     EXPECT_TRUE(odd.tonemapOnly);
-    EXPECT_EQ(odd.outputFiles, std::vector<std::string>{"t\\.jpg"});
+    EXPECT_EQ(odd.outputFiles(), std::vector<std::string>{"t\\.jpg"});
 }

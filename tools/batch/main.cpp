@@ -2,7 +2,6 @@
 // of one tessara-render run, in one process with one GL context. A failed line
 // is reported and the next one starts from a clean context; finished lines are
 // recorded in a state folder so that a rerun renders only what is left.
-#include <OpenEXR/ImfThreading.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,10 +13,9 @@
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "app/JobEntry.h"
+#include "app/CommandLine.h"
 #include "app/Options.h"
 #include "app/RenderJob.h"
 #include "app/RenderPlan.h"
@@ -36,8 +34,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr int kUsageStatus = 255;
 
 const char* const kUsage =
     "Usage: tessara-batch MANIFEST [--state DIR] [--report FILE] [--shard K/N | --shard auto [--shards N]] "
@@ -63,20 +59,14 @@ struct BatchOptions {
     bool plan = false;
 };
 
-[[noreturn]] void usageError(const std::string& message)
+// Reads the batch's own command line into `o`; throws UsageError.
+ParseAction parseBatchOptions(int argc, char** argv, BatchOptions& o)
 {
-    std::fprintf(stderr, "tessara-batch: %s\n%s", message.c_str(), kUsage);
-    std::exit(kUsageStatus);
-}
-
-BatchOptions parseBatchOptions(int argc, char** argv)
-{
-    BatchOptions o;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         auto value = [&]() -> std::string {
             if (i + 1 >= argc)
-                usageError(arg + " needs a value");
+                throw UsageError(arg + " needs a value");
             return argv[++i];
         };
         if (arg == "--state")
@@ -90,23 +80,24 @@ BatchOptions parseBatchOptions(int argc, char** argv)
             char* end = nullptr;
             const long v = std::strtol(n.c_str(), &end, 10);
             if (n.empty() || *end || v < 1 || v > 1000000)
-                usageError("--shards takes a positive count, not '" + n + "'");
+                throw UsageError("--shards takes a positive count, not '" + n + "'");
             o.shards = int(v);
         } else if (arg == "--force")
             o.force = true;
         else if (arg == "--plan")
             o.plan = true;
-        else if (arg == "-h" || arg == "--help") {
-            std::fputs(kUsage, stdout);
-            std::exit(0);
-        } else if (o.manifest.empty() && !arg.empty() && arg[0] != '-')
+        else if (arg == "-h" || arg == "--help")
+            return ParseAction::PrintHelp;
+        else if (arg == "--version")
+            return ParseAction::PrintVersion;
+        else if (o.manifest.empty() && !arg.empty() && arg[0] != '-')
             o.manifest = arg;
         else
-            usageError("unknown option '" + arg + "'");
+            throw UsageError("unknown option '" + arg + "'");
     }
     if (o.manifest.empty())
-        usageError("no manifest given");
-    return o;
+        throw UsageError("no manifest given");
+    return ParseAction::RunJob;
 }
 
 // The line's words as a tessara-render command line, parsed into `options`.
@@ -132,11 +123,14 @@ int printPlans(const std::vector<const ManifestLine*>& lines, const StateDir& st
             if (!line->splitError.empty())
                 throw UsageError(line->splitError);
             JobOptions options;
-            if (parseLine(*line, options) != ParseAction::RunJob)
+            const ParseAction action = parseLine(*line, options);
+            if (action == ParseAction::PrintHelp)
+                text = "prints the help\n";
+            else if (action != ParseAction::RunJob)
                 text = "prints the version\n";
             else {
-                std::ostringstream plan;
-                printPlan(planJob(options), plan);
+                std::ostringstream plan, discarded;  // console lines belong to the run that renders
+                printPlan(planJob(options, discarded), plan);
                 text = plan.str();
                 std::vector<OutputEntry> outputs;
                 if (!force && state.isDone(line->number, line->text, &outputs))
@@ -290,7 +284,11 @@ private:
         try {
             const ParseAction action = parseLine(line, options);
             if (action == ParseAction::PrintVersion) {
-                std::printf("version: %s\n", kVersionText);
+                printVersion();
+                return;
+            }
+            if (action == ParseAction::PrintHelp) {
+                std::fputs(helpText("tessara-render").c_str(), stdout);
                 std::fflush(stdout);
                 return;
             }
@@ -313,7 +311,8 @@ private:
                 }
             } detach{previous};
             if (action == ParseAction::PrintVersionAndGL) {
-                std::printf("version: %s\n%s", kVersionText, glInfoReport().c_str());
+                printVersion();
+                std::printf("%s", glInfoReport().c_str());
                 std::fflush(stdout);
             } else if (runRenderJob(options, &plan) != 0) {
                 result.error = "Error (tonemapping only): unsupported image dimensions, the input was only "
@@ -333,7 +332,7 @@ private:
         result.peakMemoryMB = peakMemoryMB();
         // The record lists every file the plan names, and anything else the
         // line committed; a planned file that was not written fails the line.
-        committed_ = plan.outputFiles;
+        committed_ = plan.outputFiles();
         for (const std::string& path : outputs.paths)
             if (std::find(committed_.begin(), committed_.end(), path) == committed_.end())
                 committed_.push_back(path);
@@ -343,11 +342,8 @@ private:
     // that finds every line done never starts an X server.
     void ensureContext()
     {
-        if (session_)
-            return;
-        Imf::setGlobalThreadCount(int(exrThreadCount(std::thread::hardware_concurrency())));
-        session_ = std::make_unique<ContextSession>(argc_, argv_);
-        finishStage("GL_CONTEXT");
+        if (!session_)
+            session_ = startRenderContext(argc_, argv_);
     }
 
     void finish(const LineResult& result)
@@ -386,53 +382,80 @@ private:
 
 std::string absolute(const std::string& path) { return path.empty() ? path : fs::absolute(path).string(); }
 
+// The batch's whole run once its command line is read.
+int runBatch(BatchOptions options, int& argc, char** argv)
+{
+    Shard shard;
+    shard.source = "no sharding";
+    if (options.shard == "auto")
+        shard = shardFromEnvironment([](const char* name) { return std::getenv(name); }, options.shards);
+    else if (!options.shard.empty())
+        shard = parseShard(options.shard);
+
+    const std::vector<ManifestLine> manifest = readManifest(options.manifest);
+    const fs::path manifestPath = fs::absolute(options.manifest);
+    if (options.stateDir.empty())
+        options.stateDir = manifestPath.string() + ".state";
+    StateDir state(absolute(options.stateDir), !options.plan);
+
+    FILE* report = nullptr;
+    if (!options.report.empty() && !options.plan) {
+        report = std::fopen(absolute(options.report).c_str(), "a");
+        if (!report)
+            throw std::runtime_error("Failed to open file '" + options.report + "'");
+    }
+
+    std::vector<const ManifestLine*> selected;
+    for (size_t i = 0; i < manifest.size(); ++i)
+        if (shard.takes(i))
+            selected.push_back(&manifest[i]);
+    std::fprintf(stderr, "tessara-batch: shard %d/%d (%s): %zu of %zu lines\n", shard.index, shard.count,
+                 shard.source.c_str(), selected.size(), manifest.size());
+
+    // Paths in the lines are relative to the manifest's folder.
+    if (::chdir(manifestPath.parent_path().c_str()) != 0)
+        throw std::runtime_error("Cannot enter the manifest's folder '" + manifestPath.parent_path().string() + "'");
+
+    if (options.plan)
+        return printPlans(selected, state, options.force);
+    const int status = Batch(argc, argv, options, std::move(state), report).run(selected);
+    if (report)
+        std::fclose(report);
+    return status;
+}
+
+class BatchProgram : public CommandLineProgram {
+public:
+    const char* name() const override { return "tessara-batch"; }
+    ParseAction parse(int argc, char** argv) override { return parseBatchOptions(argc, argv, options_); }
+    void printUsageError(const std::string& error, const std::string&) const override
+    {
+        std::fprintf(stderr, "tessara-batch: %s\n%s", error.c_str(), kUsage);
+    }
+    std::string helpText(const std::string&) const override
+    {
+        return std::string(kUsage) +
+               "  --version print the version\n"
+               "  -h, --help  print this help\n";
+    }
+    int run(int& argc, char** argv) override
+    {
+        try {
+            return runBatch(options_, argc, argv);
+        } catch (const std::invalid_argument& e) {  // a shard that cannot be read
+            std::fprintf(stderr, "tessara-batch: %s\n", e.what());
+            return -1;
+        }
+    }
+
+private:
+    BatchOptions options_;
+};
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    BatchOptions options = parseBatchOptions(argc, argv);
-    try {
-        Shard shard;
-        shard.source = "no sharding";
-        if (options.shard == "auto")
-            shard = shardFromEnvironment([](const char* name) { return std::getenv(name); }, options.shards);
-        else if (!options.shard.empty())
-            shard = parseShard(options.shard);
-
-        const std::vector<ManifestLine> manifest = readManifest(options.manifest);
-        const fs::path manifestPath = fs::absolute(options.manifest);
-        if (options.stateDir.empty())
-            options.stateDir = manifestPath.string() + ".state";
-        StateDir state(absolute(options.stateDir), !options.plan);
-
-        FILE* report = nullptr;
-        if (!options.report.empty() && !options.plan) {
-            report = std::fopen(absolute(options.report).c_str(), "a");
-            if (!report)
-                throw std::runtime_error("Failed to open file '" + options.report + "'");
-        }
-
-        std::vector<const ManifestLine*> selected;
-        for (size_t i = 0; i < manifest.size(); ++i)
-            if (shard.takes(i))
-                selected.push_back(&manifest[i]);
-        std::fprintf(stderr, "tessara-batch: shard %d/%d (%s): %zu of %zu lines\n", shard.index, shard.count,
-                     shard.source.c_str(), selected.size(), manifest.size());
-
-        // Paths in the lines are relative to the manifest's folder.
-        if (::chdir(manifestPath.parent_path().c_str()) != 0)
-            throw std::runtime_error("Cannot enter the manifest's folder '" + manifestPath.parent_path().string() + "'");
-
-        if (options.plan)
-            return printPlans(selected, state, options.force);
-        const int status = Batch(argc, argv, options, std::move(state), report).run(selected);
-        if (report)
-            std::fclose(report);
-        return status;
-    } catch (const std::invalid_argument& e) {
-        std::fprintf(stderr, "tessara-batch: %s\n", e.what());
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "%s\n", failureReport(e).c_str());
-    }
-    return kUsageStatus;
+    BatchProgram program;
+    return runCommandLine(program, argc, argv);
 }
