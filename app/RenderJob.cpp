@@ -1,8 +1,12 @@
 #include "app/RenderJob.h"
 
+#include <filesystem>
 #include <iostream>
+#include <set>
+#include <stdexcept>
 
 #include "app/RenderPlan.h"
+#include "image/FormatText.h"
 #include "image/ImageLoader.h"
 #include "image/ImageView.h"
 #include "image/Jpeg.h"
@@ -33,6 +37,23 @@ void checkFeasible(const RenderPlan& plan)
     }
     if (plan.has(StepKind::Logo))
         checkLoadable(plan.options.logoPath.string());
+}
+
+// Makes the folders the outputs go into (the prefix's folder, or the tile
+// pyramid's), so that a missing one fails the job before the panorama is made.
+void createOutputFolders(const RenderPlan& plan)
+{
+    std::set<std::filesystem::path> made;
+    for (const std::string& file : plan.outputFiles()) {
+        const std::filesystem::path folder = std::filesystem::path(file).parent_path();
+        if (folder.empty() || !made.insert(folder).second)
+            continue;
+        std::error_code ec;
+        std::filesystem::create_directories(folder, ec);
+        if (ec)
+            throw std::runtime_error(
+                formatText("Failed to create folder '%s': %s", folder.c_str(), ec.message().c_str()));
+    }
 }
 
 // Walks the steps of a checked plan. `pano` holds RGBE in an HDR render, else
@@ -107,6 +128,7 @@ int runRenderJob(const JobOptions& options, RenderPlan* planned)
 {
     const RenderPlan plan = planJob(options, std::cerr);
     checkFeasible(plan);
+    createOutputFolders(plan);
     if (planned)
         *planned = plan;
     executePlan(plan);

@@ -1,8 +1,11 @@
 #include "app/RenderPlan.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <sstream>
@@ -108,6 +111,27 @@ void reversePixels(uint8_t* pixels, int64_t pixelCount, int bytesPerPixel)
         std::memcpy(a, b, n);
         std::memcpy(b, tmp, n);
     }
+}
+
+void checkInputFile(const std::string& path)
+{
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    const fs::file_status status = fs::status(path, ec);
+    std::string what;
+    if (status.type() == fs::file_type::not_found)
+        what = fs::is_symlink(fs::symlink_status(path, ec)) ? "is a link to a file that does not exist" : "does not exist";
+    else if (ec)
+        what = "cannot be read: " + ec.message();
+    else if (status.type() == fs::file_type::directory)
+        what = "is a folder";
+    else if (status.type() != fs::file_type::regular)
+        what = "is not a regular file";
+    else if (::access(path.c_str(), R_OK) != 0)
+        what = std::string("cannot be read: ") + std::strerror(errno);
+    else
+        return;
+    throw std::runtime_error("'" + path + "' " + what + "; " + kExpectedInput);
 }
 
 RenderPlan planInput(const JobOptions& options)
@@ -226,6 +250,7 @@ void planSteps(RenderPlan& plan)
 
 RenderPlan planJob(const JobOptions& options, std::ostream& log)
 {
+    checkInputFile(options.inputPath.string());
     RenderPlan plan = planInput(options);
     if (plan.isProject()) {
         Project project = plan.input == InputKind::TspProject ? loadTspProject(plan.inputPath)

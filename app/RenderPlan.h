@@ -89,6 +89,15 @@ struct RenderPlan {
     std::string tonemapOnlyPath() const { return outputPrefix + ".jpg"; }
 };
 
+// What an input file must be, as the messages that refuse one say it.
+constexpr const char* kExpectedInput = "expected a pts or tsp project or an equirect image";
+
+// Refuses an input that is not a readable regular file, before anything else
+// of the job happens: throws std::runtime_error naming it in single quotes,
+// saying what it is ("does not exist", "is a folder", ...) and, after a
+// semicolon, kExpectedInput.
+void checkInputFile(const std::string& path);
+
 // Phase one: input kind and output names from the options.
 RenderPlan planInput(const JobOptions& options);
 
@@ -108,8 +117,9 @@ void planImageInput(RenderPlan& plan, int32_t width, int32_t height);
 // std::runtime_error for a cube face width that cannot be written.
 void planSteps(RenderPlan& plan);
 
-// The whole plan of a job: loads the project (the listing and the equirect
-// width line go to `log`), or reads only the header of an image input.
+// The whole plan of a job: checks the input file (checkInputFile), loads the
+// project (the listing and the equirect width line go to `log`), or reads
+// only the header of an image input.
 // Throws what the job would throw for the same options and files up to that
 // point.
 RenderPlan planJob(const JobOptions& options, std::ostream& log);

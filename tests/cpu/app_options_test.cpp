@@ -2,6 +2,7 @@
 // OpenEXR thread sizing and the top-level failure line.
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -89,6 +90,30 @@ TEST(ParseOptions, DefaultsAndEveryOption)
     EXPECT_EQ(first.inputPath, "--er-width");
     EXPECT_EQ(first.erWidth, 1200);
     EXPECT_TRUE(first.writeErJpg);
+}
+
+TEST(ParseOptions, HelpAndVersionStopParsing)
+{
+    const struct { std::vector<std::string> args; ParseAction action; } rows[] = {
+        {{"r", "-h"}, ParseAction::PrintHelp},
+        {{"r", "in.tsp", "--help", "--bogus"}, ParseAction::PrintHelp},
+        {{"r", "--version"}, ParseAction::PrintVersion},
+        {{"r", "in.tsp", "--er-jpg", "--version", "--help"}, ParseAction::PrintVersion},
+    };
+    for (const auto& row : rows) {
+        JobOptions o;
+        EXPECT_EQ(support::parseArgs(row.args, o), row.action) << row.args.back();
+    }
+    // The help is the usage line, then a line for every option it names.
+    const std::string help = helpText("p"), usage = usageText("e", "p");
+    EXPECT_EQ(help.substr(0, usage.size() - 9), usage.substr(9));
+    const std::regex option("\\[(--[a-z-]+)");
+    int options = 0;
+    for (std::sregex_iterator m(usage.begin(), usage.end(), option), end; m != end; ++m, ++options)
+        EXPECT_NE(help.find("\n  " + (*m)[1].str() + " "), std::string::npos) << (*m)[1];
+    EXPECT_EQ(options, 11);
+    for (const char* line : {"\n  -v, --version ", "\n  -V ", "\n  -h, --help "})
+        EXPECT_NE(help.find(line), std::string::npos) << line;
 }
 
 TEST(ParseOptions, Failures)

@@ -195,6 +195,58 @@ TEST(RenderPlan, OutputFilesInTheOrderWritten)
     }
 }
 
+TEST(RenderPlan, StepsInTheOrderTheyRun)
+{
+    using K = StepKind;
+    const struct {
+        std::vector<std::string> args;
+        std::string sourceExt;  // of a project's images; empty: a 2400 x 1200 image input
+        bool upsideDown;
+        std::vector<K> kinds;
+        std::string note;  // the first Note's text
+    } rows[] = {
+        // Everything an HDR project can do; the face width line is printed once the panorama exists.
+        {{"r", "in.pts", "--er-width", "2400", "--er-hdr", "--er-exr", "--cf-exr", "--er-jpg", "--cf-jpg", "--logo",
+          "l.jpg"},
+         ".hdr", true,
+         {K::Stitch, K::Note, K::Logo, K::UpsideDown, K::Thumbnail, K::EquirectRadiance, K::EquirectExr,
+          K::CubeMapExr, K::Tonemap, K::EquirectJpeg, K::CubeFacesJpeg},
+         "Adjusting output cubeface width from 600 to 600 = 300 * 2^1.\n"},
+        // LDR: already 8-bit, the HDR outputs skipped; no thumbnail below 2000.
+        {{"r", "in.pts", "--er-width", "1200", "--er-jpg", "--er-hdr", "--cf-exr"}, ".jpg", false,
+         {K::Stitch, K::Note, K::EquirectJpeg}, "Adjusting output cubeface width from 300 to 300 = 300 * 2^0.\n"},
+        // HDR without 8-bit outputs is never tone-mapped.
+        {{"r", "in.pts", "--er-width", "2400", "--er-exr"}, ".hdr", false, {K::Stitch, K::Thumbnail, K::EquirectExr},
+         ""},
+        {{"r", "in.exr", "--er-jpg", "--output-prefix", "t/"}, "", false,
+         {K::ReadImage, K::Note, K::Tonemap, K::EquirectJpeg}, "Adjusting output cubeface width from 600 to 600 = 300 * 2^1.\n"},
+    };
+    for (const auto& row : rows) {
+        JobOptions options;
+        ASSERT_EQ(support::parseArgs(row.args, options), ParseAction::RunJob);
+        RenderPlan plan = planInput(options);
+        std::ostringstream log;
+        if (row.sourceExt.empty()) {
+            planImageInput(plan, 2400, 1200);
+        } else {
+            Project project = projectOf(6, true, row.sourceExt);
+            project.images.back().fov = row.upsideDown ? 180.0f : 0.0f;
+            planProject(plan, project, log);
+        }
+        planSteps(plan);
+        std::vector<K> kinds;
+        std::string note;
+        for (const PlanStep& step : plan.steps) {
+            kinds.push_back(step.kind);
+            if (step.kind == K::Note && note.empty())
+                note = step.text;
+        }
+        EXPECT_EQ(kinds, row.kinds) << row.args[1] << " " << row.args[2];
+        EXPECT_EQ(note, row.note);
+        EXPECT_EQ(log.str(), "");  // nothing printed while planning these widths
+    }
+}
+
 TEST(RenderPlan, TilePyramidAndImageInputs)
 {
     JobOptions options;
@@ -221,4 +273,7 @@ TEST(RenderPlan, TilePyramidAndImageInputs)
     planSteps(odd);
     EXPECT_TRUE(odd.tonemapOnly);
     EXPECT_EQ(odd.outputFiles(), std::vector<std::string>{"t\\.jpg"});
+    ASSERT_EQ(odd.steps.size(), 4u);  // read, notice, tone map, JPEG
+    EXPECT_EQ(odd.steps[1].text, "can only reproject equirect hdr images that have been rendered with this tool "
+                                 "(unsupported image dimensions 4400x2000) -> tonemapping only\n");
 }

@@ -18,6 +18,10 @@
 #include <regex>
 #include <set>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "app/Options.h"
 #include "image/Jpeg.h"
 #include "image/OpenExr.h"
 #include "image/Radiance.h"
@@ -133,6 +137,22 @@ TEST(CommandLine, VersionUsageAndTopLevelFailures)
                                                      "Available mem \\(MB\\): -?\\d+|  Render buffer: -?\\d+ / -?\\d+)\n$")))
         << gl.out;
 
+    // Help and version of both programs: standard output, status 0.
+    const std::string render = binPath("tessara-render"), batch = binPath("tessara-batch");
+    const struct { std::vector<std::string> args; std::string out; } answers[] = {
+        {{render, "--help"}, helpText(render)},
+        {{render, "x.tsp", "-h", "--bogus"}, helpText(render)},
+        {{render, "--version"}, "version: 21.01.5008\n"},
+        {{batch, "--force", "-h"}, "Usage: tessara-batch MANIFEST "},
+        {{batch, "--version"}, "version: 21.01.5008\n"},
+    };
+    for (const auto& a : answers) {
+        const RunResult r = runProgram(a.args);
+        EXPECT_EQ(r.status, 0) << a.args.back();
+        EXPECT_EQ(r.out.substr(0, a.out.size()), a.out);
+        EXPECT_EQ(r.err, "") << a.args.back();
+    }
+
     // Usage errors go to standard output with the program's path.
     const RunResult unknown = runRenderer({"x.tsp", "--bogus"});
     EXPECT_EQ(unknown.status, 255);
@@ -146,47 +166,75 @@ TEST(CommandLine, VersionUsageAndTopLevelFailures)
     expectNoServerLeft();
 }
 
+TEST(CommandLine, InputsThatCannotBeReadAndQtWarnings)
+{
+    TempDir dir;
+    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+    fs::create_symlink("nothing", dir / "link");
+    writeFile(dir / "locked.pts", "");
+    fs::permissions(dir / "locked.pts", fs::perms::none);
+    const struct { std::string path, what; } inputs[] = {
+        {dir.path(), "is a folder"},
+        {dir / "missing.tsp", "does not exist"},
+        {dir / "fifo", "is not a regular file"},
+        {dir / "link", "is a link to a file that does not exist"},
+        {dir / "locked.pts", geteuid() == 0 ? "" : "cannot be read: Permission denied"},  // root reads anything
+    };
+    for (const auto& input : inputs)
+        if (!input.what.empty())
+            expectCleanFailure(runRenderer({input.path, "--er-jpg"}),
+                               "Error (St13runtime_error): '" + input.path + "' " + input.what +
+                                   "; expected a pts or tsp project or an equirect image");
+
+    // Qt's notice about a missing XDG_RUNTIME_DIR is dropped; its other warnings are not.
+    fs::permissions(dir.path(), fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec);
+    const RunResult wrong = runRenderer({"-V"}, {"XDG_RUNTIME_DIR=" + dir.path()});
+    EXPECT_EQ(wrong.status, 0);
+    EXPECT_EQ(countLinesWith(wrong.err, "QStandardPaths: wrong permissions on runtime directory " + dir.path()), 1)
+        << wrong.err;
+}
+
 TEST(ImageInput, EveryOutputKindFromAnEquirectImage)
 {
     TempDir dir;
     const Image panorama = writePanorama(dir / "in.hdr", 2400, 1200);
-    const std::vector<std::string> args = {dir / "in.hdr", "--er-hdr", "--er-jpg", "--cf-jpg", "--er-exr",
-                                           "--exr-compression", "zip", "--er-width", "1000", "--output-prefix",
-                                           dir / "out/pano"};
-    expectCleanFailure(runRenderer(args), "out/pano");  // no such folder yet: the first file fails
-    fs::create_directory(dir / "out");
-    const RunResult r = runRenderer(args);
+    // The prefix's folders are made; Qt says nothing about its runtime folder.
+    const RunResult r = runRenderer({dir / "in.hdr", "--er-hdr", "--er-jpg", "--cf-jpg", "--er-exr",
+                                     "--exr-compression", "zip", "--er-width", "1000", "--output-prefix",
+                                     dir / "new/out/pano"},
+                                    {"XDG_RUNTIME_DIR="});
     ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(countLinesWith(r.err, "QStandardPaths"), 0) << r.err;
     for (const char* stage : {" read hdr/exr: ", " save (equirect HDR): ", " save (equirect JPG): ", " thumbnail: "})
         EXPECT_EQ(countLinesWith(r.err, stage), 1) << stage << "\n" << r.err;
     std::set<std::string> expected = jpegOutputs("pano");
     expected.insert({"pano.hdr", "pano.exr"});
-    EXPECT_EQ(filesIn(dir / "out"), expected);
+    EXPECT_EQ(filesIn(dir / "new/out"), expected);
     // The width option does not apply to an image; nothing touches its pixels.
-    const Image hdr = readRadiance(dir / "out/pano.hdr");
+    const Image hdr = readRadiance(dir / "new/out/pano.hdr");
     ASSERT_EQ(hdr.width(), 2400);
     EXPECT_EQ(std::memcmp(hdr.data(), panorama.data(), hdr.byteSize()), 0);
-    EXPECT_EQ(jpegSize(dir / "out/pano.jpg"), (std::array<int, 2>{2400, 1200}));
-    EXPECT_EQ(jpegSize(dir / "out/pano thumbnail.jpg"), (std::array<int, 2>{1000, 500}));
+    EXPECT_EQ(jpegSize(dir / "new/out/pano.jpg"), (std::array<int, 2>{2400, 1200}));
+    EXPECT_EQ(jpegSize(dir / "new/out/pano thumbnail.jpg"), (std::array<int, 2>{1000, 500}));
     for (const char* f : kFaces)
-        EXPECT_EQ(jpegSize(dir / (std::string("out/pano_") + f + ".jpg")), (std::array<int, 2>{600, 600})) << f;
+        EXPECT_EQ(jpegSize(dir / (std::string("new/out/pano_") + f + ".jpg")), (std::array<int, 2>{600, 600})) << f;
 
     registerExrAttributeTypes();
     {
-        const Imf::Header h = Imf::InputFile((dir / "out/pano.exr").c_str()).header();
+        const Imf::Header h = Imf::InputFile((dir / "new/out/pano.exr").c_str()).header();
         EXPECT_EQ(h.compression(), Imf::ZIPS_COMPRESSION);
         EXPECT_EQ(h.typedAttribute<TessaraBinaryAttribute>("tessaraJpegPreview").value(),
-                  readFile(dir / "out/pano thumbnail.jpg"));
+                  readFile(dir / "new/out/pano thumbnail.jpg"));
         EXPECT_TRUE(h.find("tessaraMetaData") == h.end());  // no project to quote
     }
     // RGBE fits into half here: the EXR holds the panorama up to the way back
     // to RGBE, under 1/128 relative; the mean far below.
-    const Image exr = readExr(dir / "out/pano.exr");
+    const Image exr = readExr(dir / "new/out/pano.exr");
     const auto e = rgbeError(panorama, exr);
     EXPECT_LT(e.first, 1.0 / 64);
     EXPECT_LT(e.second, 1.0 / 512);
     // Our own .exr is an input again, and its .hdr carries it on unchanged.
-    ASSERT_EQ(runRenderer({dir / "out/pano.exr", "--er-hdr", "--output-prefix", dir / "again"}).status, 0);
+    ASSERT_EQ(runRenderer({dir / "new/out/pano.exr", "--er-hdr", "--output-prefix", dir / "again"}).status, 0);
     EXPECT_EQ(rgbeError(exr, readRadiance(dir / "again.hdr")).first, 0.0);
 
     // Cube faces as a tiled EXR; the width message is printed though nothing changes.
@@ -227,6 +275,9 @@ TEST(ImageInput, SmallAndUnsupportedSizesAndFailures)
     writeFile(dir / "cut.hdr", bytes.substr(0, bytes.size() / 2));
     expectCleanFailure(runRenderer({dir / "cut.hdr", "--er-jpg"}), "cut.hdr");
     expectCleanFailure(runRenderer({dir / "missing.exr", "--er-jpg"}), "missing.exr");
+    // An output folder that cannot be made fails before the panorama is read.
+    expectCleanFailure(runRenderer({dir / "small.hdr", "--er-jpg", "--output-prefix", dir / "odd.hdr/x/pano"}),
+                       "Failed to create folder '" + dir / "odd.hdr/x" + "': Not a directory");
     // The Radiance output cannot be put in place: the error names it, no temporary file is left.
     fs::create_directory(dir / "pano.hdr");
     expectCleanFailure(runRenderer({dir / "small.hdr", "--er-hdr", "--output-prefix", dir / "pano"}), "pano.hdr");

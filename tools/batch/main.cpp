@@ -435,7 +435,7 @@ public:
     std::string helpText(const std::string&) const override
     {
         return std::string(kUsage) +
-               "  --version print the version\n"
+               "  --version   print the version\n"
                "  -h, --help  print this help\n";
     }
     int run(int& argc, char** argv) override
