@@ -1,8 +1,10 @@
 #include "image/OutputFile.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -10,6 +12,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <random>
 #include <stdexcept>
 #include <vector>
 
@@ -18,12 +21,48 @@
 namespace {
 OutputFileObserver* g_observer = nullptr;
 
-// Temporary files "<name>.tmp-<pid>" whose process no longer exists, per
-// directory. A process killed while writing leaves its temporary file behind;
-// the next run that writes the same output removes it. The directory is read
-// once per run (a tile pyramid writes thousands of files into one), and only
-// temporaries of outputs this run writes are removed, never those of a live
-// process (kill(pid, 0) fails with ESRCH only when no such process exists).
+// The parts of a temporary name after ".tmp-": "<host>-<pid>-<8 hex digits>".
+// Many hosts write into one shared folder, and every pod of a Kubernetes Job
+// is process 1 of its own namespace, so the host name keeps the names of
+// different machines apart and the random part those of equal process ids.
+struct TemporaryTag {
+    std::string host;
+    long pid = 0;
+};
+
+// "<host>-<pid>-<8 hex>" parsed from the right (host names contain '-'); false
+// for anything else, so files merely named like temporaries are left alone.
+bool parseTemporaryTag(const std::string& tag, TemporaryTag& out)
+{
+    const size_t randomDash = tag.rfind('-');
+    if (randomDash == std::string::npos || randomDash == 0 || tag.size() - randomDash - 1 != 8 ||
+        tag.find_first_not_of("0123456789abcdef", randomDash + 1) != std::string::npos)
+        return false;
+    const size_t pidDash = tag.rfind('-', randomDash - 1);
+    if (pidDash == std::string::npos || pidDash == 0 || randomDash - pidDash - 1 < 1 || randomDash - pidDash - 1 > 9 ||
+        tag.find_first_not_of("0123456789", pidDash + 1) < randomDash)
+        return false;
+    out.host = tag.substr(0, pidDash);
+    out.pid = std::stol(tag.substr(pidDash + 1, randomDash - pidDash - 1));
+    return true;
+}
+
+std::string randomTag()
+{
+    static std::mutex mutex;
+    static std::mt19937 generator{std::random_device{}()};
+    std::lock_guard<std::mutex> lock(mutex);
+    return formatText("%08x", static_cast<unsigned>(generator()));
+}
+
+// Temporary files of outputs whose writer was a process of this host that no
+// longer exists, per directory. A process killed while writing leaves its
+// temporary file behind; the next run that writes the same output removes
+// it. The directory is read once per run (a tile pyramid writes thousands of
+// files into one), and only temporaries of outputs this run writes are
+// removed, never those of a live process (kill(pid, 0) fails with ESRCH only
+// when no such process exists) nor those of another host, whose processes
+// this one cannot see.
 class StaleTemporaries {
 public:
     void removeFor(const std::string& finalPath)
@@ -41,7 +80,6 @@ public:
     }
 
 private:
-    // Names ending in ".tmp-" and a process id that is not running.
     static std::vector<std::string> scan(const std::string& dir)
     {
         std::vector<std::string> stale;
@@ -49,11 +87,11 @@ private:
         for (std::filesystem::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
             const std::string name = it->path().filename().string();
             const size_t tmp = name.rfind(".tmp-");
-            if (tmp == std::string::npos || tmp + 5 == name.size() || name.size() - tmp - 5 > 9 ||
-                name.find_first_not_of("0123456789", tmp + 5) != std::string::npos)
+            TemporaryTag tag;
+            if (tmp == std::string::npos || !parseTemporaryTag(name.substr(tmp + 5), tag))
                 continue;
-            const long pid = std::stol(name.substr(tmp + 5));
-            if (pid > 0 && pid != long(::getpid()) && ::kill(pid_t(pid), 0) != 0 && errno == ESRCH)
+            if (tag.host == temporaryHostTag() && tag.pid > 0 && tag.pid != long(::getpid()) &&
+                ::kill(pid_t(tag.pid), 0) != 0 && errno == ESRCH)
                 stale.push_back(name);
         }
         return stale;
@@ -63,7 +101,41 @@ private:
     std::map<std::string, std::vector<std::string>> byDirectory_;
 };
 
+// Flushes a file's data, or a directory's entries, to the disk. Some file
+// systems cannot sync a directory (EINVAL): there the rename is as durable as
+// they make it.
+bool syncToDisk(const std::string& path, bool directory)
+{
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | (directory ? O_DIRECTORY : 0));
+    if (fd < 0)
+        return false;
+    int rc;
+    do
+        rc = ::fsync(fd);
+    while (rc != 0 && errno == EINTR);
+    const bool ok = rc == 0 || (directory && (errno == EINVAL || errno == EROFS));
+    const int saved = errno;
+    ::close(fd);
+    errno = saved;
+    return ok;
+}
+
 }  // namespace
+
+const std::string& temporaryHostTag()
+{
+    static const std::string tag = [] {
+        char name[256] = {};
+        if (::gethostname(name, sizeof name - 1) != 0 || !name[0])
+            return std::string("localhost");
+        std::string text = name;
+        for (char& c : text)
+            if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-')
+                c = '_';
+        return text;
+    }();
+    return tag;
+}
 
 OutputFileObserver* setOutputFileObserver(OutputFileObserver* observer)
 {
@@ -73,7 +145,8 @@ OutputFileObserver* setOutputFileObserver(OutputFileObserver* observer)
 }
 
 AtomicOutputFile::AtomicOutputFile(std::string finalPath)
-    : finalPath_(std::move(finalPath)), tempPath_(finalPath_ + ".tmp-" + std::to_string(::getpid()))
+    : finalPath_(std::move(finalPath)),
+      tempPath_(finalPath_ + ".tmp-" + temporaryHostTag() + "-" + std::to_string(::getpid()) + "-" + randomTag())
 {
     static StaleTemporaries stale;
     stale.removeFor(finalPath_);
@@ -103,7 +176,13 @@ void AtomicOutputFile::commit()
 {
     if (committed_)
         return;
-    if (std::rename(tempPath_.c_str(), finalPath_.c_str()) != 0)
+    // Data first, then the name, then the directory entry: after a crash of
+    // the machine the final name holds the complete file or the old one, and
+    // a file committed before another one (a batch's completion record after
+    // its outputs) is on the disk before it.
+    const std::string dir = std::filesystem::path(finalPath_).parent_path().string();
+    if (!syncToDisk(tempPath_, false) || std::rename(tempPath_.c_str(), finalPath_.c_str()) != 0 ||
+        !syncToDisk(dir.empty() ? "." : dir, true))
         throw std::runtime_error(
             formatText("Failed to write file '%s': %s", finalPath_.c_str(), std::strerror(errno)));
     committed_ = true;

@@ -3,15 +3,19 @@
 // name in the destination's directory and commit() renames it into place once
 // the file is complete and closed. An output that fails half way therefore
 // never leaves a truncated file under the final name (nor replaces an older one).
+// The file's data and then its directory entry are flushed to the disk, so a
+// machine that crashes afterwards keeps files in the order they were committed.
 #include <functional>
 #include <iosfwd>
 #include <string>
 
 class AtomicOutputFile {
 public:
-    // Temporary name: finalPath + ".tmp-<process id>", same directory.
-    // Temporaries of the same final name left by processes that no longer
-    // exist (killed while writing) are removed here.
+    // Temporary name: finalPath + ".tmp-<host>-<process id>-<8 random hex
+    // digits>", same directory, so that processes on several hosts sharing a
+    // folder never pick the same name. Temporaries of the same final name left
+    // by processes of this host that no longer exist (killed while writing)
+    // are removed here; those of other hosts are left alone.
     explicit AtomicOutputFile(std::string finalPath);
     ~AtomicOutputFile();  // removes the temporary file unless committed
     AtomicOutputFile(const AtomicOutputFile&) = delete;
@@ -49,6 +53,10 @@ public:
     virtual void created(const std::string& tempPath) = 0;
     virtual void committed(const std::string& finalPath) = 0;
 };
+
+// This machine's name as temporary names carry it: every character other
+// than a letter, a digit or '-' replaced by '_'.
+const std::string& temporaryHostTag();
 
 // Installs `observer` (nullptr: none) and returns the previous one.
 OutputFileObserver* setOutputFileObserver(OutputFileObserver* observer);

@@ -173,25 +173,35 @@ TEST(AtomicOutputFile, FinalNameOnlyEverHoldsACompleteFile)
               "Failed to write file '" + (dir / "never.exr") + "': No such file or directory");
 }
 
-TEST(AtomicOutputFile, TemporariesOfDeadProcessesAreRemoved)
+TEST(AtomicOutputFile, TemporariesOfDeadProcessesOfThisHostAreRemoved)
 {
-    // A run killed while writing used to leave "<name>.tmp-<pid>" forever.
+    // A run killed while writing used to leave its temporary file forever.
     // The next writer of the same name removes it, but not the temporary of
-    // a live process nor those of other names.
+    // a live process, of another host (whose process ids say nothing here:
+    // every pod of a Kubernetes Job is process 1) nor those of other names.
     support::TempDir dir;
     const pid_t child = fork();
     if (child == 0)
         _exit(0);
     ASSERT_GT(child, 0);
     waitpid(child, nullptr, 0);  // its pid now names no process
-    const std::string dead = std::to_string(child), live = std::to_string(getppid());
-    const std::vector<std::string> kept{"out.jpg.tmp-" + live, "other.jpg.tmp-" + dead, "out.jpg.tmp-" + dead + "x",
+    const std::string host = temporaryHostTag(), dead = std::to_string(child), live = std::to_string(getppid());
+    const std::string deadHere = "out.jpg.tmp-" + host + "-" + dead + "-0badcafe";
+    const std::vector<std::string> kept{"out.jpg.tmp-" + host + "-" + live + "-0badcafe",
+                                        "out.jpg.tmp-other-" + host + "-" + dead + "-0badcafe",
+                                        "other.jpg.tmp-" + host + "-" + dead + "-0badcafe",
+                                        deadHere + "x",
+                                        "out.jpg.tmp-" + dead,
                                         "out.jpg.tmp-"};
     for (const std::string& name : kept)
         support::writeFile(dir / name, "partial");
-    support::writeFile(dir / ("out.jpg.tmp-" + dead), "partial");
+    support::writeFile(dir / deadHere, "partial");
     AtomicOutputFile out(dir / "out.jpg");
     for (const std::string& name : kept)
         EXPECT_TRUE(std::filesystem::exists(dir / name)) << name;
-    EXPECT_FALSE(std::filesystem::exists(dir / ("out.jpg.tmp-" + dead)));
+    EXPECT_FALSE(std::filesystem::exists(dir / deadHere));
+
+    // Two writers of one name in one process still get different temporaries.
+    EXPECT_NE(out.tempPath(), AtomicOutputFile(dir / "out.jpg").tempPath());
+    EXPECT_EQ(out.tempPath().find(dir / ("out.jpg.tmp-" + host + "-" + std::to_string(getpid()) + "-")), 0u);
 }

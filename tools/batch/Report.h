@@ -25,3 +25,26 @@ std::string jsonString(const std::string& text);
 // {"line":3,"input":"a.tsp","status":"ok","error":"","outputs":[{"path":"a.jpg","bytes":123}],
 //  "seconds":2.310,"stages":[{"stage":"render","seconds":0.500}],"peak_rss_mb":812.4}
 std::string reportLine(const LineResult& result);
+
+// A JSON Lines report that tasks on several hosts append to at once. Each
+// line goes out in one write() with the file's flock held: O_APPEND alone
+// does not keep writers on different NFS clients apart (each client appends
+// at the end it last saw), while taking the lock makes the client fetch the
+// file's current size and releasing it sends the data to the server. A line
+// cut short by a writer that was killed mid-write is ended before the next
+// one, so it never merges with it.
+class ReportFile {
+public:
+    // Opens `path` for appending, creating it. Throws std::runtime_error
+    // "Failed to open file '%s'" (with `name` as given on the command line).
+    ReportFile(const std::string& path, const std::string& name);
+    ~ReportFile();
+    ReportFile(const ReportFile&) = delete;
+    ReportFile& operator=(const ReportFile&) = delete;
+
+    // Appends `line` and a newline; false when it could not be written.
+    bool append(const std::string& line) const;
+
+private:
+    int fd_ = -1;
+};

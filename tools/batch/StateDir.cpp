@@ -4,12 +4,14 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <unordered_set>
 #include <utility>
 
 #include "image/FormatText.h"
@@ -19,6 +21,20 @@ namespace fs = std::filesystem;
 
 namespace {
 constexpr const char* kRecordHeader = "tessara-batch record 1";
+constexpr const char* kFailureHeader = "tessara-batch failure 1";
+
+// The error text of a failure record of the line `lineText`; false when the
+// file is missing or is not one.
+bool readFailure(const std::string& path, const std::string& lineText, std::string* error)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::string header, text, line;
+    if (!in || !std::getline(in, header) || header != kFailureHeader || !std::getline(in, text) ||
+        text != "text " + lineText || !std::getline(in, line) || line.compare(0, 6, "error ") != 0)
+        return false;
+    *error = line.substr(6);
+    return true;
+}
 }
 
 std::string lineHash(const std::string& text)
@@ -96,16 +112,37 @@ bool StateDir::isDone(int lineNumber, const std::string& lineText, std::vector<O
     return true;
 }
 
-void StateDir::writeRecord(int lineNumber, const std::string& lineText, const std::vector<OutputEntry>& outputs) const
+void StateDir::writeAtomically(int lineNumber, const std::string& path, const std::string& content) const
 {
-    const std::string path = recordPath(lineNumber, lineText);
     AtomicOutputFile file(path);
     journalTempFile(lineNumber, file.tempPath());  // a kill now leaves nothing behind either
-    file.write([&](std::ofstream& out) {
-        out << kRecordHeader << "\ntext " << lineText << "\n";
-        for (const OutputEntry& output : outputs)
-            out << "output " << output.bytes << " " << output.path << "\n";
-    });
+    file.write([&](std::ofstream& out) { out << content; });
+}
+
+void StateDir::writeRecord(int lineNumber, const std::string& lineText, const std::vector<OutputEntry>& outputs) const
+{
+    std::string content = std::string(kRecordHeader) + "\ntext " + lineText + "\n";
+    for (const OutputEntry& output : outputs)
+        content += "output " + std::to_string(output.bytes) + " " + output.path + "\n";
+    writeAtomically(lineNumber, recordPath(lineNumber, lineText), content);
+}
+
+std::string StateDir::failurePath(int lineNumber, const std::string& lineText) const
+{
+    return linePath(lineNumber, ("-" + lineHash(lineText) + ".failed").c_str());
+}
+
+void StateDir::writeFailure(int lineNumber, const std::string& lineText, const std::string& error) const
+{
+    std::string oneLine = error;
+    std::replace(oneLine.begin(), oneLine.end(), '\n', ' ');
+    writeAtomically(lineNumber, failurePath(lineNumber, lineText),
+                    std::string(kFailureHeader) + "\ntext " + lineText + "\nerror " + oneLine + "\n");
+}
+
+void StateDir::removeFailure(int lineNumber, const std::string& lineText) const
+{
+    std::remove(failurePath(lineNumber, lineText).c_str());
 }
 
 void StateDir::removeRecord(int lineNumber, const std::string& lineText) const
@@ -135,6 +172,50 @@ LineLock StateDir::openLock(int lineNumber, bool wait) const
 LineLock StateDir::tryLock(int lineNumber) const { return openLock(lineNumber, false); }
 
 LineLock StateDir::lock(int lineNumber) const { return openLock(lineNumber, true); }
+
+LineClaim StateDir::claim(int lineNumber, const std::string& lineText, bool wait) const
+{
+    LineClaim claim;
+    claim.lock = openLock(lineNumber, wait);
+    claim.done = claim.lock.held() && isDone(lineNumber, lineText, &claim.outputs);
+    return claim;
+}
+
+std::vector<LineStatus> StateDir::survey(const std::vector<std::pair<int, std::string>>& lines) const
+{
+    // A line without a lock file was never taken (its records are written
+    // under the lock): one listing of the folder spares opening its files.
+    std::unordered_set<std::string> names;
+    std::error_code ec;
+    for (fs::directory_iterator it(dir_, ec), end; !ec && it != end; it.increment(ec))
+        names.insert(it->path().filename().string());
+    std::vector<LineStatus> statuses(lines.size());
+    for (size_t i = 0; i < lines.size(); ++i) {
+        const auto& [number, text] = lines[i];
+        LineStatus& status = statuses[i];
+        const std::string lockPath = linePath(number, ".lock");
+        if (!names.count(fs::path(lockPath).filename().string()))
+            continue;
+        // Read only, with a shared lock: the probe needs no write access, and
+        // two probes never stand in each other's way.
+        LineLock probe;
+        probe.fd_ = ::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC);
+        bool busy = false;
+        if (probe.fd_ >= 0 && ::flock(probe.fd_, LOCK_SH | LOCK_NB) != 0) {
+            if (errno != EWOULDBLOCK)
+                throw std::runtime_error(
+                    formatText("Failed to lock file '%s': %s", lockPath.c_str(), std::strerror(errno)));
+            busy = true;
+        }
+        if (isDone(number, text, &status.outputs))
+            status.state = LineState::Done;
+        else if (busy)
+            status.state = LineState::Running;
+        else if (readFailure(failurePath(number, text), text, &status.error))
+            status.state = LineState::Failed;
+    }
+    return statuses;
+}
 
 void StateDir::clearLeftovers(int lineNumber) const
 {

@@ -30,6 +30,7 @@
 #include "tools/batch/Report.h"
 #include "tools/batch/Shard.h"
 #include "tools/batch/StateDir.h"
+#include "tools/batch/Status.h"
 
 namespace fs = std::filesystem;
 
@@ -37,17 +38,21 @@ namespace {
 
 const char* const kUsage =
     "Usage: tessara-batch MANIFEST [--state DIR] [--report FILE] [--shard K/N | --shard auto [--shards N]] "
-    "[--force] [--plan]\n"
+    "[--force] [--plan] [--status [--json]]\n"
     "  MANIFEST  one tessara-render command line per line (input first, then its options);\n"
     "            blank lines and lines starting with # are skipped; relative paths are\n"
     "            relative to the manifest's folder\n"
     "  --state   folder of the completion records (default: MANIFEST.state beside it)\n"
-    "  --report  append one JSON object per line handled to FILE\n"
+    "  --report  append one JSON object per line handled to FILE (tasks on several hosts\n"
+    "            may share one)\n"
     "  --shard   render the lines whose index modulo N is K; auto: from a Slurm job array\n"
     "            or a Kubernetes Indexed Job (JOB_COMPLETION_INDEX with --shards N)\n"
     "  --force   render lines again even when they are recorded as done\n"
     "  --plan    print what each line would read and write, and whether it is done;\n"
-    "            render and write nothing\n";
+    "            render and write nothing\n"
+    "  --status  print how many lines of all shards are done, failed, running and not\n"
+    "            started, the errors of the failed lines and the size of the outputs;\n"
+    "            render and write nothing; with --json (or --report -) as one JSON document\n";
 
 struct BatchOptions {
     std::string manifest;
@@ -57,6 +62,8 @@ struct BatchOptions {
     int shards = 0;
     bool force = false;
     bool plan = false;
+    bool status = false;
+    bool json = false;
 };
 
 // Reads the batch's own command line into `o`; throws UsageError.
@@ -86,6 +93,10 @@ ParseAction parseBatchOptions(int argc, char** argv, BatchOptions& o)
             o.force = true;
         else if (arg == "--plan")
             o.plan = true;
+        else if (arg == "--status")
+            o.status = true;
+        else if (arg == "--json")
+            o.json = true;
         else if (arg == "-h" || arg == "--help")
             return ParseAction::PrintHelp;
         else if (arg == "--version")
@@ -97,6 +108,14 @@ ParseAction parseBatchOptions(int argc, char** argv, BatchOptions& o)
     }
     if (o.manifest.empty())
         throw UsageError("no manifest given");
+    if (o.status && o.report == "-") {
+        o.json = true;
+        o.report.clear();
+    }
+    if (o.json && !o.status)
+        throw UsageError("--json goes with --status");
+    if (o.status && !o.report.empty())
+        throw UsageError("--status writes nothing: with it, --report takes only '-' (the JSON document on standard output)");
     return ParseAction::RunJob;
 }
 
@@ -190,8 +209,8 @@ double peakMemoryMB()
 
 class Batch {
 public:
-    Batch(int& argc, char** argv, const BatchOptions& options, StateDir state, FILE* report)
-        : argc_(argc), argv_(argv), options_(options), state_(std::move(state)), report_(report)
+    Batch(int& argc, char** argv, const BatchOptions& options, StateDir state, std::unique_ptr<ReportFile> report)
+        : argc_(argc), argv_(argv), options_(options), state_(std::move(state)), report_(std::move(report))
     {
     }
 
@@ -200,32 +219,33 @@ public:
     {
         total_ = lines.size();
         std::vector<const ManifestLine*> busy;  // locked by another process right now
-        for (const ManifestLine* line : lines) {
-            if (finishedEarlier(*line))
-                continue;
-            LineLock lock = state_.tryLock(line->number);
-            if (lock.held())
-                renderLocked(*line);
-            else
+        for (const ManifestLine* line : lines)
+            if (!take(*line, false))
                 busy.push_back(line);
-        }
         // Lines another process was rendering: wait for it, then take what it left.
-        for (const ManifestLine* line : busy) {
-            const LineLock lock = state_.lock(line->number);
-            if (!finishedEarlier(*line))
-                renderLocked(*line);
-        }
+        for (const ManifestLine* line : busy)
+            take(*line, true);
         return failed_ ? 1 : 0;
     }
 
 private:
-    bool finishedEarlier(const ManifestLine& line)
+    // Takes the line's lock, waiting for it or not, and renders the line
+    // unless it is done; false when another process holds the lock. Whether
+    // it is done is decided with the lock held, so of several processes
+    // racing for a line exactly one renders it.
+    bool take(const ManifestLine& line, bool wait)
     {
-        LineResult result = newResult(line);
-        if (options_.force || !line.splitError.empty() || !state_.isDone(line.number, line.text, &result.outputs))
+        LineClaim claim = state_.claim(line.number, line.text, wait);
+        if (!claim.lock.held())
             return false;
-        result.status = "skipped";
-        finish(result);
+        if (claim.done && !options_.force) {
+            LineResult result = newResult(line);
+            result.outputs = std::move(claim.outputs);
+            result.status = "skipped";
+            finish(result);
+        } else {
+            renderLocked(line);
+        }
         return true;
     }
 
@@ -233,7 +253,7 @@ private:
     {
         LineResult result;
         result.line = line.number;
-        result.input = line.args.empty() ? line.text : line.args.front();
+        result.input = lineInput(line);
         return result;
     }
 
@@ -261,11 +281,19 @@ private:
                 result.outputs.push_back({path, bytes});
             }
         }
-        if (result.error.empty()) {
-            try {
+        try {
+            if (result.error.empty()) {
                 state_.writeRecord(line.number, line.text, result.outputs);
+                state_.removeFailure(line.number, line.text);
+            }
+        } catch (const std::exception& e) {
+            result.error = failureReport(e);
+        }
+        if (!result.error.empty()) {
+            try {
+                state_.writeFailure(line.number, line.text, result.error);
             } catch (const std::exception& e) {
-                result.error = failureReport(e);
+                std::fprintf(stderr, "%s\n", failureReport(e).c_str());
             }
         }
         state_.removeJournal(line.number);
@@ -360,19 +388,15 @@ private:
             progress += "skipped";
         std::fprintf(stderr, "%s\n", progress.c_str());
         std::fflush(stderr);
-        if (report_) {
-            const std::string line = reportLine(result) + "\n";
-            // One write per record: tasks appending to one report do not interleave.
-            if (::write(fileno(report_), line.data(), line.size()) != ssize_t(line.size()))
-                std::fprintf(stderr, "tessara-batch: writing the report failed\n");
-        }
+        if (report_ && !report_->append(reportLine(result)))
+            std::fprintf(stderr, "tessara-batch: writing the report failed\n");
     }
 
     int& argc_;
     char** argv_;
     const BatchOptions& options_;
     StateDir state_;
-    FILE* report_;
+    std::unique_ptr<ReportFile> report_;
     std::unique_ptr<ContextSession> session_;
     std::vector<std::string> committed_;
     size_t total_ = 0;
@@ -387,7 +411,9 @@ int runBatch(BatchOptions options, int& argc, char** argv)
 {
     Shard shard;
     shard.source = "no sharding";
-    if (options.shard == "auto")
+    if (options.status)
+        shard.source = "all shards";
+    else if (options.shard == "auto")
         shard = shardFromEnvironment([](const char* name) { return std::getenv(name); }, options.shards);
     else if (!options.shard.empty())
         shard = parseShard(options.shard);
@@ -396,32 +422,34 @@ int runBatch(BatchOptions options, int& argc, char** argv)
     const fs::path manifestPath = fs::absolute(options.manifest);
     if (options.stateDir.empty())
         options.stateDir = manifestPath.string() + ".state";
-    StateDir state(absolute(options.stateDir), !options.plan);
+    StateDir state(absolute(options.stateDir), !options.plan && !options.status);
 
-    FILE* report = nullptr;
-    if (!options.report.empty() && !options.plan) {
-        report = std::fopen(absolute(options.report).c_str(), "a");
-        if (!report)
-            throw std::runtime_error("Failed to open file '" + options.report + "'");
-    }
+    std::unique_ptr<ReportFile> report;
+    if (!options.report.empty() && !options.plan)
+        report = std::make_unique<ReportFile>(absolute(options.report), options.report);
 
     std::vector<const ManifestLine*> selected;
     for (size_t i = 0; i < manifest.size(); ++i)
         if (shard.takes(i))
             selected.push_back(&manifest[i]);
-    std::fprintf(stderr, "tessara-batch: shard %d/%d (%s): %zu of %zu lines\n", shard.index, shard.count,
-                 shard.source.c_str(), selected.size(), manifest.size());
+    if (!options.status)
+        std::fprintf(stderr, "tessara-batch: shard %d/%d (%s): %zu of %zu lines\n", shard.index, shard.count,
+                     shard.source.c_str(), selected.size(), manifest.size());
 
     // Paths in the lines are relative to the manifest's folder.
     if (::chdir(manifestPath.parent_path().c_str()) != 0)
         throw std::runtime_error("Cannot enter the manifest's folder '" + manifestPath.parent_path().string() + "'");
 
+    // --status reads the manifest and the state folder of all shards, writes
+    // nothing and needs no display.
+    if (options.status) {
+        const BatchStatus status = surveyBatch(manifest, state);
+        std::fputs((options.json ? statusJson(status) : statusText(status)).c_str(), stdout);
+        return 0;
+    }
     if (options.plan)
         return printPlans(selected, state, options.force);
-    const int status = Batch(argc, argv, options, std::move(state), report).run(selected);
-    if (report)
-        std::fclose(report);
-    return status;
+    return Batch(argc, argv, options, std::move(state), std::move(report)).run(selected);
 }
 
 class BatchProgram : public CommandLineProgram {
