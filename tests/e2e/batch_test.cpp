@@ -5,6 +5,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <map>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -81,6 +83,20 @@ TEST(Batch, LinesRenderAsSingleRunsAndRerunsSkipThem)
               1) << report;
     EXPECT_NE(report.find("capture-02.jpg"), std::string::npos) << report;
 
+    // --status counts over the state folder: the failed line with its error,
+    // the done lines with the size of what they wrote.
+    uintmax_t outputBytes = 0;
+    for (const auto& entry : fs::directory_iterator(dir / "out"))
+        outputBytes += entry.file_size();
+    const RunResult status = runProgram({binPath("tessara-batch"), dir / "m.txt", "--status", "--report", "-"});
+    EXPECT_EQ(status.status, 0) << status.err;
+    EXPECT_EQ(status.out.rfind("{\"lines\":3,\"done\":2,\"failed\":1,\"running\":0,\"not_started\":0,\"output_bytes\":" +
+                                   std::to_string(outputBytes) +
+                                   ",\"failures\":[{\"line\":3,\"input\":\"broken/capture.pts\",\"error\":\"Error (",
+                               0),
+              0u)
+        << status.out;
+
     // --plan names exactly the files a run writes and the lines that are done.
     const RunResult plan = runProgram({binPath("tessara-batch"), dir / "m.txt", "--plan"});
     EXPECT_EQ(plan.status, 0) << plan.err;
@@ -104,6 +120,43 @@ TEST(Batch, LinesRenderAsSingleRunsAndRerunsSkipThem)
     EXPECT_TRUE(fs::exists(dir / "out/after_u.jpg"));
     const RunResult forced = runProgram({binPath("tessara-batch"), dir / "m.txt", "--force", "--shard", "0/2"});
     EXPECT_NE(forced.err.find("[2/2] we 'ird' $x/capture.pts ok"), std::string::npos) << forced.err;
+}
+
+TEST(Batch, TwoProcessesOnOneManifestRenderEachLineOnce)
+{
+    // Two tasks given the same lines, as after a resubmission while the first
+    // submission still runs: each line is rendered by one of them and skipped
+    // by the other, and the report they share holds every line of both.
+    TempDir dir;
+    const RunResult made = runProgram({binPath("tessara-make-capture"),
+                                       std::string(TESSARA_SOURCE_DIR) + "/tests/data/panoramas/courtyard.exr",
+                                       dir / "cap", "--scale", "0.05", "--supersample", "1"});
+    ASSERT_EQ(made.status, 0) << made.err;
+    constexpr int kLines = 8;
+    {
+        std::ofstream manifest(dir / "m.txt");
+        for (int i = 1; i <= kLines; ++i)
+            manifest << "cap/capture.pts --er-width 600 --er-jpg --output-prefix out-" << i << "\n";
+    }
+    const std::vector<std::string> args{binPath("tessara-batch"), dir / "m.txt", "--report", dir / "r.jsonl"};
+    auto first = std::async(std::launch::async, [&] { return runProgram(args); });
+    const RunResult second = runProgram(args);
+    EXPECT_EQ(first.get().status, 0);
+    EXPECT_EQ(second.status, 0) << second.err;
+
+    std::map<int, std::string> outcomes;  // line: its statuses, in report order
+    std::istringstream report(readFile(dir / "r.jsonl"));
+    for (std::string line; std::getline(report, line);) {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(line, m, std::regex(R"re(\{"line":(\d+),"input":"cap/capture.pts","status":"(\w+)",.*\})re")))
+            << line;
+        outcomes[std::stoi(m[1])] += m[2].str() + " ";
+    }
+    ASSERT_EQ(outcomes.size(), size_t(kLines));
+    for (const auto& [line, statuses] : outcomes)
+        EXPECT_TRUE(statuses == "ok skipped " || statuses == "skipped ok ") << "line " << line << ": " << statuses;
+    const RunResult status = runProgram({binPath("tessara-batch"), dir / "m.txt", "--status"});
+    EXPECT_NE(status.out.find("done: 8\nfailed: 0\nrunning: 0\nnot started: 0\n"), std::string::npos) << status.out;
 }
 
 TEST(Batch, UsageErrorsAndUnreadableManifestsEndWith255)
