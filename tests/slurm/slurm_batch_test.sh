@@ -4,9 +4,12 @@
 # in a temporary folder), submits a three-task job array through
 # scripts/slurm-batch.sh over nine small captures of which one has a broken
 # source image, and checks that
+#   - --status agrees with the completion records at every look, also after
+#     the first submission was killed half way,
+#   - the submission after it renders what is left and no line twice,
 #   - every good line's outputs equal those of a single tessara-render run,
 #   - the broken line is reported as failed with its error text,
-#   - a second submission renders nothing (all lines skipped) and is quick.
+#   - a further submission renders nothing (all lines skipped) and is quick.
 # Needs root (the daemons run as root) and Debian's slurm-wlm and munge;
 # without them it says why and exits 77, which CTest reports as skipped.
 #
@@ -134,15 +137,52 @@ broken_line=5
 cp -r "$work" "$tmp/single"
 
 cd "$tmp" || fail "cannot enter $tmp"
-submit() { # report file; prints the job id, returns sbatch's status
-    "$root/scripts/slurm-batch.sh" "$work/manifest.txt" --tasks 3 --wait -- --report "$1"
+submit() { # report file, sbatch options; prints the job id, returns sbatch's status
+    local report=$1
+    shift
+    "$root/scripts/slurm-batch.sh" "$work/manifest.txt" --bin "$bin" --tasks 3 "$@" -- --report "$report"
 }
+records() { find "$work/manifest.txt.state" -name '*.done' 2>/dev/null | wc -l; }
+# Looks at --status and checks it against the records on disk; sets done and running.
+look() {
+    local before json after
+    before=$(records)
+    json=$("$bin/tessara-batch" "$work/manifest.txt" --status --json) || fail "--status failed"
+    after=$(records)
+    field() { grep -o "\"$1\":[0-9]*" <<<"$json" | cut -d: -f2; }
+    done=$(field done)
+    running=$(field running)
+    [ $((done + running + $(field failed) + $(field not_started))) -eq 9 ] || fail "--status does not add up: $json"
+    [ "$before" -le "$done" ] && [ "$done" -le "$after" ] || fail "--status says $done done, $before..$after records: $json"
+}
+
+# A first submission killed once a line is done and another is running, as
+# when a job is cancelled or its node lost: --status agrees with the state
+# folder at every look, and no lock outlives the killed tasks.
+job=$(submit "$tmp/report0.jsonl")
+killed=no
+for _ in $(seq 600); do
+    look
+    if [ "$done" -ge 1 ] && [ "$running" -ge 1 ]; then
+        scancel --signal=KILL "$job" && killed=yes
+        break
+    fi
+    sleep 0.1
+done
+for _ in $(seq 100); do [ -z "$(squeue -h -j "$job" 2>/dev/null)" ] && break; sleep 0.2; done
+look
+[ "$running" -eq 0 ] || fail "$running lines still running after the job was killed"
+echo "first job $job killed: $killed, with $done lines done"
+
 started=$(date +%s.%N)
-job=$(submit "$tmp/report1.jsonl")
+job=$(submit "$tmp/report1.jsonl" --wait)
 status=$?
 echo "job $job: sbatch --wait status $status after $(awk -v a="$started" -v b="$(date +%s.%N)" 'BEGIN { printf "%.1f", b - a }') s"
 [ "$status" -eq 1 ] || fail "the array with a broken line should end with status 1, got $status"
 [ "$(wc -l <"$tmp/report1.jsonl")" -eq 9 ] || fail "report has $(wc -l <"$tmp/report1.jsonl") lines, not 9"
+cat "$tmp/report0.jsonl" "$tmp/report1.jsonl" >"$tmp/reports.jsonl"
+twice=$(grep -o '^{"line":[0-9]*,[^}]*"status":"ok"' "$tmp/reports.jsonl" | cut -d, -f1 | sort | uniq -d)
+[ -z "$twice" ] || fail "rendered twice: $twice"
 
 # The same lines one tessara-render process each, in a copy of the folder.
 cd "$tmp/single" || fail "cannot enter $tmp/single"
@@ -160,10 +200,12 @@ while read -r record; do
         cmp -s "$work/$path" "$tmp/single/$path" || fail "'$path' differs from the single run"
         compared=$((compared + 1))
     done < <(grep -o '"path":"[^"]*"' <<<"$record" | cut -d'"' -f4)
-done <"$tmp/report1.jsonl"
-[ "$(grep -c '"status":"ok"' "$tmp/report1.jsonl")" -eq 8 ] || fail "not 8 ok lines: $(cat "$tmp/report1.jsonl")"
+done <"$tmp/reports.jsonl"
+[ "$(grep -c '"status":"ok"' "$tmp/reports.jsonl")" -eq 8 ] || fail "not 8 ok lines: $(cat "$tmp/reports.jsonl")"
 [ "$compared" -ge 20 ] || fail "only $compared outputs compared"
 failed=$(grep '"status":"failed"' "$tmp/report1.jsonl")
+look
+[ "$done" -eq 8 ] || fail "--status: $done lines done, not 8"
 case $failed in
     *"\"line\":$broken_line,"*"Error ("*"broken/capture-02.jpg"*) ;;
     *) fail "the broken line is not reported with its error: $failed" ;;
@@ -174,7 +216,7 @@ echo "8 lines ok, $compared outputs equal to single runs; line $broken_line fail
 
 # A second submission finds everything done except the broken line.
 started=$(date +%s.%N)
-job=$(submit "$tmp/report2.jsonl")
+job=$(submit "$tmp/report2.jsonl" --wait)
 status=$?
 seconds=$(awk -v a="$started" -v b="$(date +%s.%N)" 'BEGIN { printf "%.1f", b - a }')
 echo "resubmission: job $job, status $status, $seconds s"
