@@ -13,6 +13,7 @@
 #include <map>
 #include <mutex>
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <vector>
 
@@ -20,6 +21,10 @@
 
 namespace {
 OutputFileObserver* g_observer = nullptr;
+
+// Folders that got a new name since the last syncCommittedFolders().
+std::mutex g_unsyncedMutex;
+std::set<std::string> g_unsyncedFolders;
 
 // The parts of a temporary name after ".tmp-": "<host>-<pid>-<8 hex digits>".
 // Many hosts write into one shared folder, and every pod of a Kubernetes Job
@@ -176,16 +181,25 @@ void AtomicOutputFile::commit()
 {
     if (committed_)
         return;
-    // Data first, then the name, then the directory entry: after a crash of
-    // the machine the final name holds the complete file or the old one, and
-    // a file committed before another one (a batch's completion record after
-    // its outputs) is on the disk before it.
-    const std::string dir = std::filesystem::path(finalPath_).parent_path().string();
-    if (!syncToDisk(tempPath_, false) || std::rename(tempPath_.c_str(), finalPath_.c_str()) != 0 ||
-        !syncToDisk(dir.empty() ? "." : dir, true))
+    // Data first, then the name: after a crash of the machine the final name
+    // holds the complete file or the old one, never a part of the new one.
+    if (!syncToDisk(tempPath_, false) || std::rename(tempPath_.c_str(), finalPath_.c_str()) != 0)
         throw std::runtime_error(
             formatText("Failed to write file '%s': %s", finalPath_.c_str(), std::strerror(errno)));
     committed_ = true;
+    const std::string dir = std::filesystem::path(finalPath_).parent_path().string();
+    {
+        std::lock_guard<std::mutex> lock(g_unsyncedMutex);
+        g_unsyncedFolders.insert(dir.empty() ? "." : dir);
+    }
     if (g_observer)
         g_observer->committed(finalPath_);
+}
+
+void syncCommittedFolders()
+{
+    std::lock_guard<std::mutex> lock(g_unsyncedMutex);
+    for (auto it = g_unsyncedFolders.begin(); it != g_unsyncedFolders.end(); it = g_unsyncedFolders.erase(it))
+        if (!syncToDisk(*it, true))
+            throw std::runtime_error(formatText("Failed to write folder '%s': %s", it->c_str(), std::strerror(errno)));
 }

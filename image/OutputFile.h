@@ -3,8 +3,9 @@
 // name in the destination's directory and commit() renames it into place once
 // the file is complete and closed. An output that fails half way therefore
 // never leaves a truncated file under the final name (nor replaces an older one).
-// The file's data and then its directory entry are flushed to the disk, so a
-// machine that crashes afterwards keeps files in the order they were committed.
+// The file's data is flushed to the disk before the rename, so a machine that
+// crashes afterwards shows the complete file or the old one under the name;
+// syncCommittedFolders() then makes the new names themselves durable.
 #include <functional>
 #include <iosfwd>
 #include <string>
@@ -53,6 +54,14 @@ public:
     virtual void created(const std::string& tempPath) = 0;
     virtual void committed(const std::string& finalPath) = 0;
 };
+
+// Flushes to the disk the folders that got new names from commit() since the
+// last call, once each (a tile pyramid commits thousands of files into one).
+// What was committed before the call survives a crash of the machine that
+// loses what is committed after it: a batch's completion record never
+// outlives its outputs. Throws std::runtime_error
+// "Failed to write folder '%s': %s" when a folder cannot be synced.
+void syncCommittedFolders();
 
 // This machine's name as temporary names carry it: every character other
 // than a letter, a digit or '-' replaced by '_'.

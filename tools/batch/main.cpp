@@ -283,7 +283,10 @@ private:
         }
         try {
             if (result.error.empty()) {
+                // The outputs' names on the disk before the record that vouches for them.
+                syncCommittedFolders();
                 state_.writeRecord(line.number, line.text, result.outputs);
+                syncCommittedFolders();
                 state_.removeFailure(line.number, line.text);
             }
         } catch (const std::exception& e) {
