@@ -12,7 +12,7 @@
 # and mmdebstrap (and the Debian mirror for the first build); without them it
 # says why and exits 77, which CTest reports as skipped.
 #
-#   tests/container/container_test.sh BIN_DIR
+#   tests/container/container_test.sh BIN_DIR     (KEEP=1 keeps the renders for a look)
 set -uo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 bin=$(realpath "${1:-$root/build/bin}")
