@@ -14,6 +14,29 @@ std::string valueAfter(char** argv, int i)
         throw std::logic_error("basic_string: construction from null is not valid");
     return std::string(value);
 }
+
+int tileQuality(const std::string& text)
+{
+    size_t used = 0;
+    int quality = 0;
+    try {
+        quality = std::stoi(text, &used);
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    if (used == 0 || used != text.size() || quality < 1 || quality > 100)
+        throw UsageError("invalid tile quality '" + text + "' (1 to 100)");
+    return quality;
+}
+
+TileFormat tileFormat(const std::string& text)
+{
+    try {
+        return parseTileFormat(text);
+    } catch (const std::invalid_argument&) {
+        throw UsageError("invalid tile format '" + text + "' (jpg or webp)");
+    }
+}
 }  // namespace
 
 ParseAction parseOptions(int argc, char** argv, JobOptions& options)
@@ -55,6 +78,14 @@ ParseAction parseOptions(int argc, char** argv, JobOptions& options)
             options.exrCompression = valueAfter(argv, i);
             i += 2;
             break;
+        case "--tile-format"_oh:
+            options.tiles.format = tileFormat(valueAfter(argv, i));
+            i += 2;
+            break;
+        case "--tile-quality"_oh:
+            options.tiles.quality = tileQuality(valueAfter(argv, i));
+            i += 2;
+            break;
         case "--er-exr"_oh: options.writeErExr = true; ++i; break;
         case "--er-hdr"_oh: options.writeErHdr = true; ++i; break;
         case "--er-jpg"_oh: options.writeErJpg = true; ++i; break;
@@ -82,7 +113,7 @@ std::string usageLine(const std::string& programName)
     return "Usage: " + programName +
            " <pts/tsp/hdr/exr file> [--output-prefix basename] [--er-width width] [--cf-width width] [--er-exr] "
            "[--er-hdr] [--er-jpg] [--cf-exr] [--cf-jpg] [--no-auto-level] [--logo jpg file] "
-           "[--exr-compression b44|dwa|piz|zip]\n";
+           "[--exr-compression b44|dwa|piz|zip] [--tile-format jpg|webp] [--tile-quality 1-100]\n";
 }
 }  // namespace
 
@@ -103,10 +134,12 @@ std::string helpText(const std::string& programName)
            "  --er-hdr           write the panorama as Radiance HDR (prefix.hdr; HDR projects and images)\n"
            "  --er-jpg           write the panorama as JPEG (prefix.jpg)\n"
            "  --cf-exr           write the cube faces as a tiled OpenEXR cube map (prefix.exr; HDR only)\n"
-           "  --cf-jpg           write the cube faces as JPEGs and the web viewers' files\n"
+           "  --cf-jpg           write the cube faces (see --tile-format), their previews and the web viewers' files\n"
            "  --no-auto-level    ignore the capture's orientation line (no levelling, no turn to its heading)\n"
            "  --logo             JPEG drawn into the nadir of every output\n"
            "  --exr-compression  OpenEXR compression (default: dwa)\n"
+           "  --tile-format      file format of the cube faces and tiles: jpg (default) or webp\n"
+           "  --tile-quality     quality of the cube faces and tiles, 1 to 100 (default: 90)\n"
            "  -v, --version      print the version\n"
            "  -V                 print the version and the OpenGL driver's report\n"
            "  -h, --help         print this help\n";

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "app/CommandLine.h"
+#include "image/TileEncoding.h"
 
 struct JobOptions {
     std::filesystem::path inputPath;      // always the first argument
@@ -14,6 +15,7 @@ struct JobOptions {
     std::string exrCompression = "dwa";   // mapped to an OpenEXR compression when writing
     int32_t erWidth = 0;                  // 0: chosen from the first source image
     int32_t cfWidth = 0;                  // 0: a quarter of the equirect width
+    TileEncoding tiles;                   // format and quality of JPEG-set faces and tiles
     bool autoLevel = true;
     bool writeErExr = false;
     bool writeErHdr = false;
@@ -24,7 +26,8 @@ struct JobOptions {
 
 // Parses argv[0..argc) (argv[argc] must be the terminating null entry) into
 // `options`. Stops at "-v", "--version", "-V", "-h" or "--help". Throws UsageError for fewer than one
-// argument or an unknown option after the first; std::invalid_argument /
+// argument, an unknown option after the first or a tile format or quality
+// out of its range; std::invalid_argument /
 // std::out_of_range ("stoi") for a bad width; std::logic_error when an option
 // that takes a value is the last argument.
 ParseAction parseOptions(int argc, char** argv, JobOptions& options);

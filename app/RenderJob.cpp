@@ -114,10 +114,12 @@ void executePlan(const RenderPlan& plan)
             writeJpeg(rgb, out);
             finishStage("save (JPG)");
             break;
-        case StepKind::CubeFacesJpeg:
-            writeCubeFacesJpeg(rgb, plan.cubeFaceWidth, CubeJpegNames(plan.outputPrefix));
-            writeWebViewerFiles(plan.cubeFaceWidth, plan.outputPrefix);
+        case StepKind::CubeFacesJpeg: {
+            const TileEncoding& tiles = plan.options.tiles;
+            writeCubeFacesJpeg(rgb, plan.cubeFaceWidth, CubeJpegNames(plan.outputPrefix, tiles.extension()), tiles);
+            writeWebViewerFiles(plan.cubeFaceWidth, plan.outputPrefix, tiles.extension());
             break;
+        }
         }
     }
 }

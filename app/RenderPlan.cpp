@@ -241,9 +241,13 @@ void planSteps(RenderPlan& plan)
     if (o.writeErJpg)
         steps.push_back({StepKind::EquirectJpeg, {plan.equirectJpegPath()}, {}});
     if (o.writeCfJpg) {
-        PlanStep faces{StepKind::CubeFacesJpeg, CubeJpegNames(plan.outputPrefix).all(plan.cubeFaceWidth), {}};
-        for (const TextOutput& viewer : webViewerFiles(plan.cubeFaceWidth, plan.outputPrefix))
+        const std::string extension = o.tiles.extension();
+        PlanStep faces{StepKind::CubeFacesJpeg,
+                       CubeJpegNames(plan.outputPrefix, extension.c_str()).all(plan.cubeFaceWidth), {}};
+        for (const TextOutput& viewer : webViewerFiles(plan.cubeFaceWidth, plan.outputPrefix, extension))
             faces.outputs.push_back(viewer.path);
+        for (const LinkOutput& link : webViewerLinks(plan.cubeFaceWidth, plan.outputPrefix, extension))
+            faces.outputs.push_back(link.path);
         steps.push_back(std::move(faces));
     }
 }

@@ -75,7 +75,7 @@ int main(int argc, char** argv)
     const double tonemapSeconds = seconds() - t;
 
     t = seconds();
-    writeCubeFacesJpeg(rgb, face, CubeJpegNames(dir + "/pyramid/"));
+    writeCubeFacesJpeg(rgb, face, CubeJpegNames(dir + "/pyramid/"), TileEncoding());
     const double jpegSeconds = seconds() - t;
 
     const double megapixels = double(width) * (width / 2) / 1e6;

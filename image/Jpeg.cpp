@@ -156,6 +156,7 @@ struct RowSource {
     // every row goes through this copy instead of being handed over in place.
     uint8_t* scratch;
     const std::vector<JpegMarker>* markers;
+    int quality;
 };
 
 bool encodeJpeg(jpeg_compress_struct* cinfo, ErrorManager* err, FILE* file, const RowSource* src, bool* created)
@@ -171,7 +172,7 @@ bool encodeJpeg(jpeg_compress_struct* cinfo, ErrorManager* err, FILE* file, cons
     cinfo->input_components = 3;
     cinfo->in_color_space = JCS_RGB;
     jpeg_set_defaults(cinfo);
-    jpeg_set_quality(cinfo, 90, TRUE);
+    jpeg_set_quality(cinfo, src->quality, TRUE);
     jpeg_start_compress(cinfo, TRUE);
     for (const JpegMarker& m : *src->markers)
         jpeg_write_marker(cinfo, m.code, reinterpret_cast<const JOCTET*>(m.payload.data()),
@@ -212,7 +213,8 @@ FILE* openFileNamed(const std::string& path, const char* mode, const std::string
     return f;
 }
 
-void writeJpegTo(FILE* file, const ImageView& rgb, const std::string& path, const std::vector<JpegMarker>& markers)
+void writeJpegTo(FILE* file, const ImageView& rgb, const std::string& path, const std::vector<JpegMarker>& markers,
+                 int quality)
 {
     if (rgb.width() <= 0 || rgb.height() <= 0 || rgb.width() > JPEG_MAX_DIMENSION || rgb.height() > JPEG_MAX_DIMENSION)
         throw std::runtime_error(formatText("Error writing JPEG file '%s': unsupported image size %dx%d",
@@ -225,7 +227,7 @@ void writeJpegTo(FILE* file, const ImageView& rgb, const std::string& path, cons
             throw std::runtime_error(formatText("Error writing JPEG file '%s': a metadata segment of %zu bytes "
                                                 "does not fit in one marker",
                                                 path.c_str(), m.payload.size()));
-    RowSource src{&rgb, scratch.data(), &markers};
+    RowSource src{&rgb, scratch.data(), &markers, quality};
 
     jpeg_compress_struct cinfo;
     ErrorManager err;
@@ -328,10 +330,10 @@ JpegRows readJpegRows(const std::string& path, int eighths, const JpegRowChoice&
     return decodeJpeg(file.get(), length, path, eighths, choose, rgba);
 }
 
-void writeJpeg(const ImageView& rgb, const std::string& path, const std::vector<JpegMarker>& markers)
+void writeJpeg(const ImageView& rgb, const std::string& path, const std::vector<JpegMarker>& markers, int quality)
 {
     if (path == "-") {
-        writeJpegTo(stdout, rgb, path, markers);
+        writeJpegTo(stdout, rgb, path, markers, quality);
         if (std::fflush(stdout) != 0)
             throw std::runtime_error(
                 formatText("Error writing JPEG file '%s': %s", path.c_str(), std::strerror(errno)));
@@ -339,7 +341,7 @@ void writeJpeg(const ImageView& rgb, const std::string& path, const std::vector<
     }
     AtomicOutputFile out(path);
     FilePtr file(openFileNamed(out.tempPath(), "wb", path));
-    writeJpegTo(file.get(), rgb, path, markers);
+    writeJpegTo(file.get(), rgb, path, markers, quality);
     FILE* f = file.release();
     const bool failed = std::ferror(f) != 0;
     if (std::fclose(f) != 0 || failed)

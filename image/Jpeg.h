@@ -62,11 +62,15 @@ struct JpegMarker {
     std::string payload;
 };
 
+// The quality of every JPEG this program writes unless told otherwise.
+constexpr int kJpegQuality = 90;
+
 // Writes an 8-bit RGB view (3 or more channels, the first three R, G, B) as
-// a baseline JPEG of quality 90, with `markers` after the JFIF header.
+// a baseline JPEG of `quality` (1 to 100), with `markers` after the JFIF header.
 // "-" writes to standard output; any other path is written through an
 // AtomicOutputFile. Errors name `path`.
-void writeJpeg(const ImageView& rgb, const std::string& path, const std::vector<JpegMarker>& markers = {});
+void writeJpeg(const ImageView& rgb, const std::string& path, const std::vector<JpegMarker>& markers = {},
+               int quality = kJpegQuality);
 
 // The XMP segment (APP1) that marks a full 360 x 180 degree equirectangular
 // image of width x height pixels as a photo sphere (Google's GPano fields):

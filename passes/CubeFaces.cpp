@@ -191,7 +191,7 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& p
     });
 }
 
-void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames& names)
+void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames& names, const TileEncoding& encoding)
 {
     const Texture input = Texture::upload(rgb.width(), rgb.height(), GL_RGB8, GL_RGB, rgb.data(), rgb.stride());
 
@@ -200,21 +200,35 @@ void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames&
 
     const int tile = cubeTileSize(faceSize);
     const int top = pyramidLevelCount(faceSize) - 1;
+    const int preview = previewFaceSize(faceSize);
+    Image strip(6 * preview, preview, 3);
     renderFaces(input, faceSize, [&](int face, const Framebuffer& target) {
         Image image(faceSize, faceSize, 3);
         target.read(image.data(), GL_RGB, GL_UNSIGNED_BYTE, faceSize, faceSize);
         finishStage("gpu -> cpu (render)");
+        MutableImageView level = image.mutableView();
         if (names.pyramid()) {
-            MutableImageView level = image.mutableView();
             for (int l = top; l >= 0; --l) {
                 if (l < top)
                     level = halveBox(level);
                 for (int r = 0; r < level.height() / tile; ++r)
                     for (int c = 0; c < level.width() / tile; ++c)
-                        writeJpeg(level.subView(c * tile, r * tile, tile, tile), names.tile(l, face, r, c));
+                        writeTile(level.subView(c * tile, r * tile, tile, tile), names.tile(l, face, r, c), encoding);
             }
         } else {
-            writeJpeg(image, names.face(face));
+            writeTile(image, names.face(face), encoding);
+        }
+        // The preview goes on from the smallest face just written.
+        while (level.width() > preview)
+            level = halveBox(level);
+        const int slot = int(std::string(kPreviewStripOrder).find(kCubeFaces[face].letter));
+        for (int y = 0; y < preview; ++y)
+            std::copy_n(level.row(y), 3 * preview, strip.pixel(slot * preview, y));
+        if (face == 5) {
+            const ImageView whole = strip;
+            const int front = int(std::string(kPreviewStripOrder).find('f'));
+            writeJpeg(whole, names.previewStrip(), {}, encoding.quality);
+            writeJpeg(whole.subView(front * preview, 0, preview, preview), names.previewFront(), {}, encoding.quality);
         }
         finishStage("save (cubeface JPG)");
     });

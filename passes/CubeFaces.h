@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "image/ImageView.h"
+#include "image/TileEncoding.h"
 #include "project/CameraMatrix.h"
 
 // Cube map from the RGBE panorama into `path`, faces of s x s stacked in
@@ -23,29 +24,47 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& p
                        const std::string& compression, const std::string& previewPath,
                        const std::string& projectPath);
 
-// Names of the JPEG faces for an output prefix: prefix + "_" + letter +
-// ".jpg", or, when the prefix ends in "/" or "\", a tile pyramid
-// "%d_%s_%02d_%02d.jpg" (level, letter, tile row, tile column) inside that
-// folder.
+// Names of the JPEG-set faces for an output prefix: prefix + "_" + letter +
+// "." + extension, or, when the prefix ends in "/" or "\", a tile pyramid
+// "%d_%s_%02d_%02d.<extension>" (level, letter, tile row, tile column) inside
+// that folder. Beside them two small JPEG previews of the whole cube (see
+// previewFaceSize): the strip of all six faces and the front face alone,
+// prefix + "_preview-strip.jpg" and "_preview.jpg", or "preview-strip.jpg"
+// and "preview.jpg" in the pyramid's folder.
 class CubeJpegNames {
 public:
-    explicit CubeJpegNames(const std::string& outputPrefix);
+    explicit CubeJpegNames(const std::string& outputPrefix, const char* extension = "jpg");
     bool pyramid() const { return pyramid_; }
     const std::string& folder() const { return folder_; }  // with a trailing '/'; pyramid only
+    const std::string& extension() const { return extension_; }
     std::string face(int face) const;
     std::string tile(int level, int face, int row, int column) const;
+    std::string previewStrip() const;
+    std::string previewFront() const;
     // Every file for faces of `faceSize`, in the order they are written.
     std::vector<std::string> all(int faceSize) const;
 
 private:
     std::string prefix_;
     std::string folder_;
+    std::string extension_;
     bool pyramid_ = false;
 };
 
-// JPEG faces from the 8-bit panorama, named by `names`; a pyramid's folder is
-// made when it does not exist.
-void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames& names);
+// Faces from the 8-bit panorama in `encoding`, named by `names`, then the two
+// previews (JPEG at the same quality); a pyramid's folder is made when it
+// does not exist.
+void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames& names, const TileEncoding& encoding);
+
+// Edge of a face in the previews: the face halved (2 x 2 box, truncating)
+// until it is at most 256 pixels, which is also where the pyramid's levels
+// lead when halved further.
+int previewFaceSize(int faceSize);
+
+// The faces of the preview strip from left to right, each previewFaceSize
+// wide, oriented as the faces themselves: Marzipano's letter order, which
+// Photo Sphere Viewer's horizontal strip and krpano's strip order name too.
+constexpr const char* kPreviewStripOrder = "bdflru";
 
 // ---- Geometry shared by both writers and the shader (no GL) ----
 
@@ -68,8 +87,8 @@ int cubeTileSize(int faceSize);
 // cubeTileSize(s) << l pixels in 2^l x 2^l tiles; the last level is the full face.
 int pyramidLevelCount(int faceSize);
 
-// "%d_%s_%02d_%02d.jpg" of the pyramid.
-std::string pyramidTileName(int level, const char* letter, int row, int column);
+// "%d_%s_%02d_%02d.<extension>" of the pyramid.
+std::string pyramidTileName(int level, const char* letter, int row, int column, const std::string& extension);
 
 // CPU twin of shaders/envmap.*: the unit direction, in the panorama frame
 // (x towards lon +90, y up, z towards lon 0), seen by pixel (i, j) of face f.

@@ -41,7 +41,8 @@ int pyramidLevelCount(int faceSize)
     return levels;
 }
 
-CubeJpegNames::CubeJpegNames(const std::string& outputPrefix) : prefix_(outputPrefix)
+CubeJpegNames::CubeJpegNames(const std::string& outputPrefix, const char* extension)
+    : prefix_(outputPrefix), extension_(extension)
 {
     pyramid_ = endsWithSeparator(outputPrefix);
     folder_ = outputPrefix;
@@ -54,12 +55,22 @@ CubeJpegNames::CubeJpegNames(const std::string& outputPrefix) : prefix_(outputPr
 
 std::string CubeJpegNames::face(int face) const
 {
-    return prefix_ + "_" + kCubeFaces[face].letter + ".jpg";
+    return prefix_ + "_" + kCubeFaces[face].letter + "." + extension_;
 }
 
 std::string CubeJpegNames::tile(int level, int face, int row, int column) const
 {
-    return folder_ + pyramidTileName(level, kCubeFaces[face].letter, row, column);
+    return folder_ + pyramidTileName(level, kCubeFaces[face].letter, row, column, extension_);
+}
+
+std::string CubeJpegNames::previewStrip() const
+{
+    return pyramid_ ? folder_ + "preview-strip.jpg" : prefix_ + "_preview-strip.jpg";
+}
+
+std::string CubeJpegNames::previewFront() const
+{
+    return pyramid_ ? folder_ + "preview.jpg" : prefix_ + "_preview.jpg";
 }
 
 std::vector<std::string> CubeJpegNames::all(int faceSize) const
@@ -79,12 +90,21 @@ std::vector<std::string> CubeJpegNames::all(int faceSize) const
                     files.push_back(tile(l, f, r, c));
         }
     }
+    files.push_back(previewStrip());
+    files.push_back(previewFront());
     return files;
 }
 
-std::string pyramidTileName(int level, const char* letter, int row, int column)
+std::string pyramidTileName(int level, const char* letter, int row, int column, const std::string& extension)
 {
-    return formatText("%d_%s_%02d_%02d.jpg", level, letter, row, column);
+    return formatText("%d_%s_%02d_%02d.%s", level, letter, row, column, extension.c_str());
+}
+
+int previewFaceSize(int faceSize)
+{
+    while (faceSize > 256)
+        faceSize /= 2;
+    return faceSize;
 }
 
 std::array<double, 3> cubeFaceDirection(int face, double i, double j, int faceSize)

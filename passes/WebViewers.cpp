@@ -1,5 +1,7 @@
 #include "passes/WebViewers.h"
 
+#include <cctype>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -17,45 +19,62 @@ struct Layout {
     bool pyramid;
     std::string folder;    // the pyramid's folder, with its separator (pyramid only)
     std::string name;      // file name part of the prefix (faces only)
+    std::string extension; // of the faces and tiles
+    std::string previewStrip, previewFront;  // relative to the configurations
     int faceSize;
     int tileSize;
     int levels;
 };
 
-Layout layoutOf(int faceSize, const std::string& prefix)
+Layout layoutOf(int faceSize, const std::string& prefix, const std::string& extension)
 {
     Layout l;
-    const CubeJpegNames names(prefix);
+    const CubeJpegNames names(prefix, extension.c_str());
     l.pyramid = names.pyramid();
     l.folder = l.pyramid ? names.folder() : "";
     const size_t slash = prefix.find_last_of("/\\");
     l.name = slash == std::string::npos ? prefix : prefix.substr(slash + 1);
+    l.extension = extension;
+    const size_t base = l.pyramid ? l.folder.size() : prefix.size() - l.name.size();
+    l.previewStrip = names.previewStrip().substr(base);
+    l.previewFront = names.previewFront().substr(base);
     l.faceSize = faceSize;
     l.tileSize = l.pyramid ? cubeTileSize(faceSize) : faceSize;
     l.levels = l.pyramid ? pyramidLevelCount(faceSize) : 1;
     return l;
 }
 
-// The URL of a whole face relative to the configuration: the face file, or
-// the pyramid's one-tile level.
-std::string faceUrl(const Layout& l, const char* letter)
+// Pannellum's multires template numbers levels from 1 and does not pad rows
+// and columns: its tile names are links in this folder to the pyramid's tiles.
+const char* const kPannellumFolder = "pannellum";
+
+std::string pannellumTileName(const Layout& l, int level, const char* letter, int row, int column)
 {
-    return l.pyramid ? pyramidTileName(0, letter, 0, 0) : l.name + "_" + letter + ".jpg";
+    return formatText("%d_%s_%d_%d.%s", level + 1, letter, row, column, l.extension.c_str());
 }
 
 std::string pannellum(const Layout& l)
 {
     std::ostringstream o;
-    o << "{\n  \"type\": \"cubemap\",\n  \"cubeMap\": [";
-    const char* order[] = {"f", "r", "b", "l", "u", "d"};
-    for (int i = 0; i < 6; ++i)
-        o << (i ? ", " : "") << '"' << faceUrl(l, order[i]) << '"';
-    o << "],\n  \"autoLoad\": true,\n  \"yaw\": 0,\n  \"pitch\": 0,\n  \"hfov\": 90\n}\n";
+    if (l.pyramid) {
+        o << "{\n  \"type\": \"multires\",\n  \"multiRes\": {\n    \"basePath\": \"" << kPannellumFolder
+          << "\",\n    \"path\": \"/%l_%s_%y_%x\",\n    \"extension\": \"" << l.extension
+          << "\",\n    \"tileResolution\": " << l.tileSize << ",\n    \"maxLevel\": " << l.levels
+          << ",\n    \"cubeResolution\": " << l.faceSize << "\n  },\n";
+    } else {
+        o << "{\n  \"type\": \"cubemap\",\n  \"cubeMap\": [";
+        const char* order[] = {"f", "r", "b", "l", "u", "d"};
+        for (int i = 0; i < 6; ++i)
+            o << (i ? ", " : "") << '"' << l.name << "_" << order[i] << "." << l.extension << '"';
+        o << "],\n";
+    }
+    o << "  \"preview\": \"" << l.previewFront << "\",\n"
+      << "  \"autoLoad\": true,\n  \"yaw\": 0,\n  \"pitch\": 0,\n  \"hfov\": 90\n}\n";
     return o.str();
 }
 
-// JavaScript shared by both modules: the folder of the module and the
-// pyramid's tile names.
+// JavaScript shared by both modules: the folder of the module, the URL of a
+// tile (a whole face is the one tile of its level) and the preview strip.
 std::string moduleHead(const Layout& l, const char* use)
 {
     std::ostringstream o;
@@ -63,8 +82,11 @@ std::string moduleHead(const Layout& l, const char* use)
       << "const here = new URL('.', import.meta.url).href;\n";
     if (l.pyramid)
         o << "const pad = (n) => String(n).padStart(2, '0');\n"
-          << "const tile = (level, face, row, col) => here + level + '_' + face + '_' + pad(row) + '_' + pad(col) + "
-             "'.jpg';\n";
+          << "const tile = (level, face, row, col) => here + level + '_' + face + '_' + pad(row) + '_' + pad(col) + '."
+          << l.extension << "';\n";
+    else
+        o << "const tile = (level, face) => here + '" << l.name << "_' + face + '." << l.extension << "';\n";
+    o << "const preview = here + '" << l.previewStrip << "';\n";
     return o.str();
 }
 
@@ -73,17 +95,20 @@ std::string marzipano(const Layout& l)
     std::ostringstream o;
     o << moduleHead(l, "Marzipano 0.10 scene of these cube faces. Use: import createScene from './<this file>';\n"
                        "//   createScene(Marzipano, new Marzipano.Viewer(element)).switchTo();");
-    o << "export const levels = [";
+    // Level 0 is the preview strip, shown only until tiles arrive. It is
+    // declared at the size of the level above it (Marzipano wants each level
+    // a multiple of the one below); one tile a face, it covers the face
+    // whatever its pixel count.
+    o << "export const levels = [{ tileSize: " << l.tileSize << ", size: " << l.tileSize << ", fallbackOnly: true }";
     for (int i = 0; i < l.levels; ++i)
-        o << (i ? ", " : "") << "{ tileSize: " << l.tileSize << ", size: " << (l.tileSize << i) << " }";
-    o << "];\n";
-    o << "export default function createScene(Marzipano, viewer) {\n";
-    if (l.pyramid)
-        o << "  const source = new Marzipano.ImageUrlSource((t) => ({ url: tile(t.z, t.face, t.y, t.x) }));\n";
-    else
-        o << "  const source = new Marzipano.ImageUrlSource((t) => ({ url: here + '" << l.name
-          << "_' + t.face + '.jpg' }));\n";
-    o << "  const geometry = new Marzipano.CubeGeometry(levels);\n"
+        o << ", { tileSize: " << l.tileSize << ", size: " << (l.tileSize << i) << " }";
+    o << "];\n"
+      << "const strip = '" << kPreviewStripOrder << "';\n"
+      << "export default function createScene(Marzipano, viewer) {\n"
+      << "  const source = new Marzipano.ImageUrlSource((t) => t.z === 0\n"
+      << "    ? { url: preview, rect: { x: strip.indexOf(t.face) / 6, y: 0, width: 1 / 6, height: 1 } }\n"
+      << "    : { url: tile(t.z - 1, t.face, t.y, t.x) });\n"
+      << "  const geometry = new Marzipano.CubeGeometry(levels);\n"
       << "  const limiter = Marzipano.RectilinearView.limit.resolution(" << 4 * l.faceSize << ");\n"
       << "  const view = new Marzipano.RectilinearView({ yaw: 0, pitch: 0, fov: Math.PI / 2 }, limiter);\n"
       << "  return viewer.createScene({ source, geometry, view });\n}\n";
@@ -93,44 +118,40 @@ std::string marzipano(const Layout& l)
 std::string photoSphereViewer(const Layout& l)
 {
     std::ostringstream o;
-    if (l.pyramid) {
-        o << moduleHead(l, "Photo Sphere Viewer 5 panorama of this tile pyramid, for the cubemap-tiles adapter:\n"
-                           "//   new Viewer({ container, adapter: CubemapTilesAdapter, panorama })");
-    } else {
-        o << moduleHead(l, "Photo Sphere Viewer 5 panorama of these cube faces, for the cubemap adapter:\n"
-                           "//   new Viewer({ container, adapter: CubemapAdapter, panorama })");
-    }
+    o << moduleHead(l, "Photo Sphere Viewer 5 panorama of these cube faces, for the cubemap-tiles adapter:\n"
+                       "//   new Viewer({ container, adapter: CubemapTilesAdapter, panorama })");
     o << "const letters = { left: 'l', front: 'f', right: 'r', back: 'b', top: 'u', bottom: 'd' };\n"
-      << "const faces = Object.fromEntries(Object.entries(letters).map(([k, v]) => [k, here + "
-      << (l.pyramid ? "'0_' + v + '_00_00.jpg'" : "'" + l.name + "_' + v + '.jpg'") << "]));\n";
+      << "const faceOf = Object.fromEntries(Object.entries(letters).map(([k, v]) => [v, k]));\n";
     // Our u and d faces are upright as the common web viewers show them; the
-    // adapters expect them turned by 180 degrees unless told.
-    if (l.pyramid) {
-        // The adapter takes at most 16 tiles a side.
-        o << "export const panorama = {\n  baseUrl: { type: 'separate', paths: faces, flipTopBottom: true },\n"
-          << "  levels: [";
-        for (int i = 0; i < l.levels && (1 << i) <= 16; ++i)
-            o << (i ? ", " : "") << "{ faceSize: " << (l.tileSize << i) << ", nbTiles: " << (1 << i) << " }";
-        o << "],\n  tileUrl: (face, col, row, level) => tile(level, letters[face], row, col),\n"
-          << "  flipTopBottom: true,\n};\n";
-    } else {
-        o << "export const panorama = { type: 'separate', paths: faces, flipTopBottom: true };\n";
-    }
-    o << "export default panorama;\n";
+    // adapters expect them turned by 180 degrees unless told. The adapter
+    // takes at most 16 tiles a side.
+    o << "export const panorama = {\n"
+      << "  baseUrl: { type: 'stripe', path: preview, order: [...'" << kPreviewStripOrder
+      << "'].map((v) => faceOf[v]), flipTopBottom: true },\n"
+      << "  levels: [";
+    for (int i = 0; i < l.levels && (1 << i) <= 16; ++i)
+        o << (i ? ", " : "") << "{ faceSize: " << (l.tileSize << i) << ", nbTiles: " << (1 << i) << " }";
+    o << "],\n  tileUrl: (face, col, row, level) => tile(level, letters[face], row, col),\n"
+      << "  flipTopBottom: true,\n};\n"
+      << "export default panorama;\n";
     return o.str();
 }
 
 std::string krpano(const Layout& l)
 {
+    std::string order = kPreviewStripOrder;
+    for (char& c : order)
+        c = char(std::toupper(static_cast<unsigned char>(c)));
     std::ostringstream o;
-    o << "<krpano>\n  <view hlookat=\"0\" vlookat=\"0\" fov=\"90\" />\n";
+    o << "<krpano>\n  <view hlookat=\"0\" vlookat=\"0\" fov=\"90\" />\n"
+      << "  <preview url=\"" << l.previewStrip << "\" type=\"CUBESTRIP\" striporder=\"" << order << "\" />\n";
     if (!l.pyramid) {
-        o << "  <image>\n    <cube url=\"" << l.name << "_%s.jpg\" />\n  </image>\n";
+        o << "  <image>\n    <cube url=\"" << l.name << "_%s." << l.extension << "\" />\n  </image>\n";
     } else {
         o << "  <image type=\"CUBE\" multires=\"true\" tilesize=\"" << l.tileSize << "\" baseindex=\"0\">\n";
         for (int i = l.levels - 1; i >= 0; --i)
             o << "    <level tiledimagewidth=\"" << (l.tileSize << i) << "\" tiledimageheight=\"" << (l.tileSize << i)
-              << "\">\n      <cube url=\"" << i << "_%s_%0v_%0h.jpg\" />\n    </level>\n";
+              << "\">\n      <cube url=\"" << i << "_%s_%0v_%0h." << l.extension << "\" />\n    </level>\n";
         o << "  </image>\n";
     }
     o << "</krpano>\n";
@@ -178,9 +199,9 @@ window.scene.switchTo();
 
 }  // namespace
 
-std::vector<TextOutput> webViewerFiles(int faceSize, const std::string& outputPrefix)
+std::vector<TextOutput> webViewerFiles(int faceSize, const std::string& outputPrefix, const std::string& extension)
 {
-    const Layout l = layoutOf(faceSize, outputPrefix);
+    const Layout l = layoutOf(faceSize, outputPrefix, extension);
     const std::string base = l.pyramid ? l.folder : outputPrefix + "_";
     std::vector<TextOutput> files = {
         {base + "pannellum.json", pannellum(l)},
@@ -193,8 +214,33 @@ std::vector<TextOutput> webViewerFiles(int faceSize, const std::string& outputPr
     return files;
 }
 
-void writeWebViewerFiles(int faceSize, const std::string& outputPrefix)
+std::vector<LinkOutput> webViewerLinks(int faceSize, const std::string& outputPrefix, const std::string& extension)
 {
-    for (const TextOutput& f : webViewerFiles(faceSize, outputPrefix))
+    const Layout l = layoutOf(faceSize, outputPrefix, extension);
+    std::vector<LinkOutput> links;
+    if (!l.pyramid)
+        return links;
+    const std::string folder = l.folder + kPannellumFolder + "/";
+    for (const CubeFace& face : kCubeFaces)
+        for (int level = 0; level < l.levels; ++level)
+            for (int r = 0; r < (1 << level); ++r)
+                for (int c = 0; c < (1 << level); ++c)
+                    links.push_back({folder + pannellumTileName(l, level, face.letter, r, c),
+                                     "../" + pyramidTileName(level, face.letter, r, c, l.extension)});
+    return links;
+}
+
+void writeWebViewerFiles(int faceSize, const std::string& outputPrefix, const std::string& extension)
+{
+    for (const TextOutput& f : webViewerFiles(faceSize, outputPrefix, extension))
         AtomicOutputFile(f.path).write([&](std::ofstream& out) { out << f.text; });
+    const std::vector<LinkOutput> links = webViewerLinks(faceSize, outputPrefix, extension);
+    if (!links.empty())
+        std::filesystem::create_directories(std::filesystem::path(links.front().path).parent_path());
+    for (const LinkOutput& link : links) {
+        AtomicOutputFile out(link.path);
+        std::filesystem::remove(out.tempPath());
+        std::filesystem::create_symlink(link.target, out.tempPath());
+        out.commit();
+    }
 }

@@ -10,10 +10,13 @@
 // "index.html" that shows the pyramid in Marzipano when the folder is served
 // over HTTP.
 //
-// Where a viewer's URL template cannot spell the tile names (zero-padded row
-// and column, level 0 the smallest), its file addresses tiles through a
-// function (the two JavaScript modules); Pannellum 2.5, whose multires
-// template can do neither, gets the one-tile level of the pyramid as a cube.
+// Each names the two previews written with the faces (see CubeJpegNames),
+// shown until the faces or tiles arrive. Where a viewer's URL template cannot
+// spell the tile names (zero-padded row and column, level 0 the smallest),
+// its file addresses tiles through a function (the two JavaScript modules);
+// for Pannellum 2.5, whose multires template can do neither, the pyramid's
+// folder gets a folder "pannellum" of relative symbolic links to the tiles
+// under names the template spells (level from 1, no padding).
 #include <string>
 #include <vector>
 
@@ -22,9 +25,17 @@ struct TextOutput {
     std::string text;
 };
 
-// The files for faces of faceSize pixels written under `outputPrefix`
-// (a pyramid when it ends in "/" or "\").
-std::vector<TextOutput> webViewerFiles(int faceSize, const std::string& outputPrefix);
+struct LinkOutput {
+    std::string path;    // the link
+    std::string target;  // relative to the link's folder
+};
 
-// Writes webViewerFiles(), each atomically.
-void writeWebViewerFiles(int faceSize, const std::string& outputPrefix);
+// The files for faces of faceSize pixels with the file name `extension`
+// written under `outputPrefix` (a pyramid when it ends in "/" or "\").
+std::vector<TextOutput> webViewerFiles(int faceSize, const std::string& outputPrefix, const std::string& extension);
+
+// The links to the tiles of a pyramid; none for single faces.
+std::vector<LinkOutput> webViewerLinks(int faceSize, const std::string& outputPrefix, const std::string& extension);
+
+// Writes webViewerFiles() and webViewerLinks(), each atomically.
+void writeWebViewerFiles(int faceSize, const std::string& outputPrefix, const std::string& extension);

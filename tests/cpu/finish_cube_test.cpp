@@ -17,8 +17,8 @@ TEST(FinishCubeTiles, TileSizeAndPyramidNames)
                             {513, 513},  {500, 500},  {1025, 1025}, {5264, 329}, {1024, 512}};
     for (const auto& c : cases)
         EXPECT_EQ(cubeTileSize(c[0]), c[1]) << c[0];
-    EXPECT_EQ(pyramidTileName(2, "r", 0, 0), "2_r_00_00.jpg");
-    EXPECT_EQ(pyramidTileName(4, "u", 15, 3), "4_u_15_03.jpg");
+    EXPECT_EQ(pyramidTileName(2, "r", 0, 0, "jpg"), "2_r_00_00.jpg");
+    EXPECT_EQ(pyramidTileName(4, "u", 15, 3, "webp"), "4_u_15_03.webp");
 }
 
 TEST(FinishCubeGeometry, FacesFollowTheWebViewerConvention)

@@ -148,7 +148,7 @@ TEST(FinishCubeFacesGL, JpegAndExrFacesShowThePanorama)
     testing::internal::CaptureStderr();
     writeCubeFacesExr(directionPanorama(1024, 512, true), s, dir / "pano.exr", "zip", "", "");
     EXPECT_NE(testing::internal::GetCapturedStderr().find("1024x512, M: "), std::string::npos);
-    writeCubeFacesJpeg(directionPanorama(1024, 512, false), s, CubeJpegNames(dir / "pano"));
+    writeCubeFacesJpeg(directionPanorama(1024, 512, false), s, CubeJpegNames(dir / "pano"), TileEncoding());
 
     Imf::TiledRgbaInputFile in((dir / "pano.exr").c_str());
     EXPECT_EQ(Imf::envmap(in.header()), Imf::ENVMAP_CUBE);
@@ -204,14 +204,14 @@ TEST(FinishCubeFacesGL, TilePyramid)
 {
     support::TempDir dir;
     const std::string tiles = dir / "tiles/";
-    writeCubeFacesJpeg(directionPanorama(1024, 512, false), 2048, CubeJpegNames(tiles));
+    writeCubeFacesJpeg(directionPanorama(1024, 512, false), 2048, CubeJpegNames(tiles), TileEncoding());
     // Levels 2, 1 and 0 with 16, 4 and 1 tiles of 512 x 512 per face.
     std::set<std::string> expected, found;
     for (int f = 0; f < 6; ++f)
         for (int l = 0; l <= 2; ++l)
             for (int r = 0; r < (1 << l); ++r)
                 for (int c = 0; c < (1 << l); ++c)
-                    expected.insert(pyramidTileName(l, kCubeFaces[f].letter, r, c));
+                    expected.insert(pyramidTileName(l, kCubeFaces[f].letter, r, c, "jpg"));
     for (const auto& entry : fs::directory_iterator(tiles))
         found.insert(entry.path().filename().string());
     EXPECT_EQ(found, expected);
@@ -254,7 +254,7 @@ TEST(FinishLogoGL, RoundCentredAndUprightInTheDownFace)
     EXPECT_EQ(changed, 2000);  // 18 degrees: rows 900 to 999 only
 
     const int s = 512;
-    writeCubeFacesJpeg(pano, s, CubeJpegNames(dir / "pano"));
+    writeCubeFacesJpeg(pano, s, CubeJpegNames(dir / "pano"), TileEncoding());
     const Image down = readJpeg(dir / "pano_d.jpg");
     double n = 0, sx = 0, sy = 0, sxx = 0, syy = 0, sxy = 0, bx = 0, by = 0, bn = 0;
     for (int j = 0; j < s; ++j)
