@@ -119,11 +119,31 @@ TEST(ParseOptions, Failures)
         // Version options stop parsing; options before them still fail first.
         {{"r", "in.tsp", "--er-width", "x", "-v"}, "stoi"},
         {{"r", "in.tsp", "-v", "--bogus"}, "no error"},
+        // Tile format and quality are checked while parsing, before any rendering.
+        {{"r", "in.tsp", "--tile-format", "png"}, "usage: invalid tile format 'png' (jpg or webp)"},
+        {{"r", "in.tsp", "--tile-format", "JPG"}, "usage: invalid tile format 'JPG' (jpg or webp)"},
+        {{"r", "in.tsp", "--tile-quality", "0"}, "usage: invalid tile quality '0' (1 to 100)"},
+        {{"r", "in.tsp", "--tile-quality", "101"}, "usage: invalid tile quality '101' (1 to 100)"},
+        {{"r", "in.tsp", "--tile-quality", "80k"}, "usage: invalid tile quality '80k' (1 to 100)"},
+        {{"r", "in.tsp", "--tile-quality", ""}, "usage: invalid tile quality '' (1 to 100)"},
+        {{"r", "in.tsp", "--tile-quality", "99999999999"}, "usage: invalid tile quality '99999999999' (1 to 100)"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(failureOf(c.args), c.failure) << c.args.back();
+    const struct { std::vector<std::string> args; TileFormat format; int quality; } tiles[] = {
+        {{"r", "in.tsp"}, TileFormat::Jpeg, 90},
+        {{"r", "in.tsp", "--tile-format", "webp", "--tile-quality", "1"}, TileFormat::Webp, 1},
+        {{"r", "in.tsp", "--tile-quality", "100", "--tile-format", "webp", "--tile-format", "jpg"}, TileFormat::Jpeg,
+         100},
+    };
+    for (const auto& t : tiles) {
+        const JobOptions o = parsed(t.args);
+        EXPECT_EQ(int(o.tiles.format), int(t.format)) << t.args.back();
+        EXPECT_EQ(o.tiles.quality, t.quality) << t.args.back();
+    }
     // A value option given last fails like constructing a string from null.
-    for (const char* option : {"--er-width", "--cf-width", "--output-prefix", "--logo", "--exr-compression"})
+    for (const char* option :
+         {"--er-width", "--cf-width", "--output-prefix", "--logo", "--exr-compression", "--tile-format", "--tile-quality"})
         EXPECT_EQ(failureOf({"r", "in.tsp", option}), "basic_string: construction from null is not valid") << option;
     EXPECT_EQ(parsed({"r", "in.tsp", "--er-width", "8k"}).erWidth, 8);
     EXPECT_EQ(parsed({"r", "in.tsp", "--cf-width", "-512"}).cfWidth, -512);
@@ -137,7 +157,7 @@ TEST(JobEntry, UsageThreadsAndFailureReport)
               "Error: unknown option '--bogus'\n"
               "Usage: ./tessara-render <pts/tsp/hdr/exr file> [--output-prefix basename] [--er-width width] "
               "[--cf-width width] [--er-exr] [--er-hdr] [--er-jpg] [--cf-exr] [--cf-jpg] [--no-auto-level] "
-              "[--logo jpg file] [--exr-compression b44|dwa|piz|zip]\n");
+              "[--logo jpg file] [--exr-compression b44|dwa|piz|zip] [--tile-format jpg|webp] [--tile-quality 1-100]\n");
     EXPECT_EQ(usageText("%s%n", "p").substr(0, 12), "Error: %s%n\n");  // inserted, never a format
 
     const unsigned threads[][2] = {{0, 2}, {1, 2}, {2, 2}, {7, 7}, {16, 16}, {64, 16}};

@@ -161,9 +161,12 @@ TEST(RenderPlan, ReversePixelsTurnsByHalfATurn)
 
 TEST(RenderPlan, OutputFilesInTheOrderWritten)
 {
-    const auto withFaces = [](std::vector<std::string> files, const std::string& prefix) {
+    const auto withFaces = [](std::vector<std::string> files, const std::string& prefix,
+                              const std::string& extension = ".jpg") {
         for (const char* letter : {"r", "l", "u", "d", "b", "f"})
-            files.push_back(prefix + "_" + letter + ".jpg");
+            files.push_back(prefix + "_" + letter + extension);
+        files.push_back(prefix + "_preview-strip.jpg");
+        files.push_back(prefix + "_preview.jpg");
         for (const char* viewer : {"pannellum.json", "marzipano.js", "psv.js", "krpano.xml"})
             files.push_back(prefix + "_" + viewer);
         return files;
@@ -176,6 +179,9 @@ TEST(RenderPlan, OutputFilesInTheOrderWritten)
         // LDR: the HDR-only outputs are not written.
         {{"r", "in.pts", "--er-width", "2400", "--er-jpg", "--cf-jpg", "--er-exr", "--cf-exr"}, ".jpg",
          withFaces({"in thumbnail.jpg", "in.jpg"}, "in")},
+        // WebP faces; the previews stay JPEG.
+        {{"r", "in.pts", "--er-width", "2400", "--cf-jpg", "--tile-format", "webp", "--tile-quality", "70"}, ".jpg",
+         withFaces({"in thumbnail.jpg"}, "in", ".webp")},
         // HDR, no thumbnail below 2000; the cube map replaces the equirect EXR; a
         // panorama up to 1000 wide takes the thumbnail's name.
         {{"r", "a/in.tsp", "--er-width", "900", "--er-hdr", "--er-exr", "--cf-exr", "--er-jpg"}, ".hdr",
@@ -247,12 +253,16 @@ TEST(RenderPlan, TilePyramidAndImageInputs)
     planSteps(plan);
     // 1100-pixel faces in tiles of 275: levels 2, 1 and 0 with 16, 4 and 1 tiles.
     EXPECT_EQ(plan.cubeFaceWidth, 1100);
-    ASSERT_EQ(plan.outputFiles().size(), 6u * 21u + 5u);  // and the web viewer files
+    // Then the two previews, the web viewer files and a link for Pannellum to each tile.
+    ASSERT_EQ(plan.outputFiles().size(), 6u * 21u + 2u + 5u + 6u * 21u);
     EXPECT_EQ(plan.outputFiles().front(), "t/2_r_00_00.jpg");
     EXPECT_EQ(plan.outputFiles()[15], "t/2_r_03_03.jpg");
     EXPECT_EQ(plan.outputFiles()[20], "t/0_r_00_00.jpg");
     EXPECT_EQ(plan.outputFiles()[6 * 21 - 1], "t/0_f_00_00.jpg");
-    EXPECT_EQ(plan.outputFiles().back(), "t/index.html");
+    EXPECT_EQ(plan.outputFiles()[6 * 21], "t/preview-strip.jpg");
+    EXPECT_EQ(plan.outputFiles()[6 * 21 + 6], "t/index.html");
+    EXPECT_EQ(plan.outputFiles()[6 * 21 + 7], "t/pannellum/1_r_0_0.jpg");
+    EXPECT_EQ(plan.outputFiles().back(), "t/pannellum/3_f_3_3.jpg");
 
     // A size this program does not render is only tone-mapped.
     RenderPlan odd = planInput(options);

@@ -41,7 +41,8 @@ std::set<std::string> jpegOutputs(const std::string& prefix)
     std::set<std::string> names{prefix + ".jpg", prefix + " thumbnail.jpg"};
     for (const char* f : kFaces)
         names.insert(prefix + "_" + f + ".jpg");
-    for (const char* viewer : {"pannellum.json", "marzipano.js", "psv.js", "krpano.xml"})
+    for (const char* viewer :
+         {"pannellum.json", "marzipano.js", "psv.js", "krpano.xml", "preview.jpg", "preview-strip.jpg"})
         names.insert(prefix + "_" + viewer);
     return names;
 }
@@ -248,8 +249,12 @@ TEST(ImageInput, EveryOutputKindFromAnEquirectImage)
     const RunResult tiles = runRenderer({dir / "in.hdr", "--cf-jpg", "--cf-width", "1000", "--output-prefix", dir / "tiles/"});
     ASSERT_EQ(tiles.status, 0) << tiles.err;
     EXPECT_EQ(countLinesWith(tiles.err, "Adjusting output cubeface width from 1000 to 1000 = 500 * 2^1."), 1);
-    EXPECT_EQ(filesIn(dir / "tiles").size(), 30u + 5);  // and the viewers' files with index.html
+    // And two previews, the viewers' files with index.html and Pannellum's folder of links.
+    EXPECT_EQ(filesIn(dir / "tiles").size(), 30u + 2 + 5 + 1);
     EXPECT_EQ(jpegSize(dir / "tiles/1_d_01_01.jpg"), (std::array<int, 2>{500, 500}));
+    EXPECT_EQ(jpegSize(dir / "tiles/preview-strip.jpg"), (std::array<int, 2>{6 * 250, 250}));
+    EXPECT_TRUE(fs::is_symlink(dir / "tiles/pannellum/2_d_1_1.jpg"));
+    EXPECT_TRUE(fs::equivalent(dir / "tiles/pannellum/2_d_1_1.jpg", dir / "tiles/1_d_01_01.jpg"));
     expectNoServerLeft();
 }
 

@@ -9,12 +9,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <set>
 #include <vector>
 
 #include "image/Jpeg.h"
 #include "image/OpenExr.h"
+#include "image/Ppm.h"
 #include "image/Rgbe.h"
 #include "passes/CubeFaces.h"
 #include "passes/Logo.h"
@@ -212,6 +214,7 @@ TEST(FinishCubeFacesGL, TilePyramid)
             for (int r = 0; r < (1 << l); ++r)
                 for (int c = 0; c < (1 << l); ++c)
                     expected.insert(pyramidTileName(l, kCubeFaces[f].letter, r, c, "jpg"));
+    expected.insert({"preview-strip.jpg", "preview.jpg"});
     for (const auto& entry : fs::directory_iterator(tiles))
         found.insert(entry.path().filename().string());
     EXPECT_EQ(found, expected);
@@ -222,6 +225,42 @@ TEST(FinishCubeFacesGL, TilePyramid)
     const Vec centre = directionColour(cubeFaceDirection(5, 1023.5, 1023.5, 2048));
     for (int k = 0; k < 3; ++k)
         EXPECT_NEAR(whole.pixel(256, 256)[k], centre[k] - 3, 5) << k;
+    // The preview strip holds the faces at 256 in the order b d f l r u, and
+    // preview.jpg the front one: near each face's centre its forward
+    // direction (three truncating halvings lose up to 3 units, JPEG a few
+    // more); a face in the wrong slot is 100 off in some channel.
+    const Image strip = readJpeg(tiles + "preview-strip.jpg");
+    const Image front = readJpeg(tiles + "preview.jpg");
+    ASSERT_EQ(strip.width(), 6 * 256);
+    ASSERT_EQ(strip.height(), 256);
+    ASSERT_EQ(front.width(), 256);
+    const std::string order = "bdflru";
+    for (int f = 0; f < 6; ++f) {
+        const int slot = int(order.find(kCubeFaces[f].letter));
+        const Vec want = directionColour(cubeFaceDirection(f, 1027.5, 1027.5, 2048));
+        for (int k = 0; k < 3; ++k) {
+            EXPECT_NEAR(strip.pixel(slot * 256 + 128, 128)[k], want[k], 8) << kCubeFaces[f].letter << k;
+            if (order[slot] == 'f') {
+                EXPECT_NEAR(front.pixel(128, 128)[k], want[k], 8) << k;
+            }
+        }
+    }
+
+    // WebP tiles of a face size that is no power of two, read back by libwebp's dwebp.
+    const std::string webp = dir / "webp/";
+    writeCubeFacesJpeg(directionPanorama(1024, 512, false), 1000, CubeJpegNames(webp, "webp"),
+                       TileEncoding{TileFormat::Webp, 80});
+    EXPECT_TRUE(fs::exists(webp + "0_u_00_00.webp") && fs::exists(webp + "preview.jpg"));
+    ASSERT_EQ(std::system(("dwebp -quiet '" + webp + "1_f_00_00.webp' -ppm -o '" + webp + "t.ppm'").c_str()), 0);
+    FILE* ppm = std::fopen((webp + "t.ppm").c_str(), "rb");
+    ASSERT_TRUE(ppm);
+    const Image tile = readPpm(ppm, [](int w, int h) { EXPECT_EQ(w * 10000 + h, 500 * 10000 + 500); });
+    std::fclose(ppm);
+    // Its last pixel is the one left above the face's centre; lossy WebP of
+    // a smooth field at quality 80 stays within a few units.
+    const Vec corner = directionColour(cubeFaceDirection(5, 499, 499, 1000));
+    for (int k = 0; k < 3; ++k)
+        EXPECT_NEAR(tile.pixel(499, 499)[k], corner[k], 5) << k;
 }
 
 // The logo as a viewer sees it: in the d face, round, centred, upright and
