@@ -195,8 +195,8 @@ void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames&
 {
     const Texture input = Texture::upload(rgb.width(), rgb.height(), GL_RGB8, GL_RGB, rgb.data(), rgb.stride());
 
-    if (names.pyramid() && !std::filesystem::exists(names.folder()))
-        std::filesystem::create_directories(names.folder());
+    if (names.pyramid())
+        std::filesystem::create_directories(names.folder() + kPannellumFolder);
 
     const int tile = cubeTileSize(faceSize);
     const int top = pyramidLevelCount(faceSize) - 1;
@@ -226,9 +226,15 @@ void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames&
             std::copy_n(level.row(y), 3 * preview, strip.pixel(slot * preview, y));
         if (face == 5) {
             const ImageView whole = strip;
-            const int front = int(std::string(kPreviewStripOrder).find('f'));
+            const auto previewOf = [&](const char* letter) {
+                const int at = int(std::string(kPreviewStripOrder).find(letter));
+                return whole.subView(at * preview, 0, preview, preview);
+            };
             writeJpeg(whole, names.previewStrip(), {}, encoding.quality);
-            writeJpeg(whole.subView(front * preview, 0, preview, preview), names.previewFront(), {}, encoding.quality);
+            writeJpeg(previewOf("f"), names.previewFront(), {}, encoding.quality);
+            if (names.pyramid())
+                for (int f = 0; f < 6; ++f)
+                    writeTile(previewOf(kCubeFaces[f].letter), names.pannellumTile(1, f, 0, 0), encoding);
         }
         finishStage("save (cubeface JPG)");
     });

@@ -31,6 +31,13 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& p
 // previewFaceSize): the strip of all six faces and the front face alone,
 // prefix + "_preview-strip.jpg" and "_preview.jpg", or "preview-strip.jpg"
 // and "preview.jpg" in the pyramid's folder.
+//
+// Pannellum's multires template numbers levels from 1 and cannot pad rows and
+// columns, so a pyramid's folder also holds a folder "pannellum" in which its
+// level 1 is the preview faces, "1_<letter>_0_0.<extension>", and its level
+// L > 1 is the pyramid's level L - 2 under the names
+// "<L>_<letter>_<row>_<column>.<extension>" (links to the tiles, see
+// webViewerLinks).
 class CubeJpegNames {
 public:
     explicit CubeJpegNames(const std::string& outputPrefix, const char* extension = "jpg");
@@ -41,6 +48,7 @@ public:
     std::string tile(int level, int face, int row, int column) const;
     std::string previewStrip() const;
     std::string previewFront() const;
+    std::string pannellumTile(int pannellumLevel, int face, int row, int column) const;
     // Every file for faces of `faceSize`, in the order they are written.
     std::vector<std::string> all(int faceSize) const;
 
@@ -55,6 +63,9 @@ private:
 // previews (JPEG at the same quality); a pyramid's folder is made when it
 // does not exist.
 void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames& names, const TileEncoding& encoding);
+
+// The folder of Pannellum's tile names inside a pyramid's folder.
+constexpr const char* kPannellumFolder = "pannellum";
 
 // Edge of a face in the previews: the face halved (2 x 2 box, truncating)
 // until it is at most 256 pixels, which is also where the pyramid's levels

@@ -68,6 +68,12 @@ std::string CubeJpegNames::previewStrip() const
     return pyramid_ ? folder_ + "preview-strip.jpg" : prefix_ + "_preview-strip.jpg";
 }
 
+std::string CubeJpegNames::pannellumTile(int pannellumLevel, int face, int row, int column) const
+{
+    return folder_ + kPannellumFolder + "/" +
+           formatText("%d_%s_%d_%d.%s", pannellumLevel, kCubeFaces[face].letter, row, column, extension_.c_str());
+}
+
 std::string CubeJpegNames::previewFront() const
 {
     return pyramid_ ? folder_ + "preview.jpg" : prefix_ + "_preview.jpg";
@@ -92,6 +98,9 @@ std::vector<std::string> CubeJpegNames::all(int faceSize) const
     }
     files.push_back(previewStrip());
     files.push_back(previewFront());
+    if (pyramid_)
+        for (int f = 0; f < int(kCubeFaces.size()); ++f)
+            files.push_back(pannellumTile(1, f, 0, 0));
     return files;
 }
 

@@ -44,22 +44,13 @@ Layout layoutOf(int faceSize, const std::string& prefix, const std::string& exte
     return l;
 }
 
-// Pannellum's multires template numbers levels from 1 and does not pad rows
-// and columns: its tile names are links in this folder to the pyramid's tiles.
-const char* const kPannellumFolder = "pannellum";
-
-std::string pannellumTileName(const Layout& l, int level, const char* letter, int row, int column)
-{
-    return formatText("%d_%s_%d_%d.%s", level + 1, letter, row, column, l.extension.c_str());
-}
-
 std::string pannellum(const Layout& l)
 {
     std::ostringstream o;
     if (l.pyramid) {
         o << "{\n  \"type\": \"multires\",\n  \"multiRes\": {\n    \"basePath\": \"" << kPannellumFolder
           << "\",\n    \"path\": \"/%l_%s_%y_%x\",\n    \"extension\": \"" << l.extension
-          << "\",\n    \"tileResolution\": " << l.tileSize << ",\n    \"maxLevel\": " << l.levels
+          << "\",\n    \"tileResolution\": " << l.tileSize << ",\n    \"maxLevel\": " << l.levels + 1
           << ",\n    \"cubeResolution\": " << l.faceSize << "\n  },\n";
     } else {
         o << "{\n  \"type\": \"cubemap\",\n  \"cubeMap\": [";
@@ -220,13 +211,13 @@ std::vector<LinkOutput> webViewerLinks(int faceSize, const std::string& outputPr
     std::vector<LinkOutput> links;
     if (!l.pyramid)
         return links;
-    const std::string folder = l.folder + kPannellumFolder + "/";
-    for (const CubeFace& face : kCubeFaces)
+    const CubeJpegNames names(outputPrefix, extension.c_str());
+    for (int f = 0; f < int(kCubeFaces.size()); ++f)
         for (int level = 0; level < l.levels; ++level)
             for (int r = 0; r < (1 << level); ++r)
                 for (int c = 0; c < (1 << level); ++c)
-                    links.push_back({folder + pannellumTileName(l, level, face.letter, r, c),
-                                     "../" + pyramidTileName(level, face.letter, r, c, l.extension)});
+                    links.push_back({names.pannellumTile(level + 2, f, r, c),
+                                     "../" + pyramidTileName(level, kCubeFaces[f].letter, r, c, extension)});
     return links;
 }
 
@@ -234,10 +225,7 @@ void writeWebViewerFiles(int faceSize, const std::string& outputPrefix, const st
 {
     for (const TextOutput& f : webViewerFiles(faceSize, outputPrefix, extension))
         AtomicOutputFile(f.path).write([&](std::ofstream& out) { out << f.text; });
-    const std::vector<LinkOutput> links = webViewerLinks(faceSize, outputPrefix, extension);
-    if (!links.empty())
-        std::filesystem::create_directories(std::filesystem::path(links.front().path).parent_path());
-    for (const LinkOutput& link : links) {
+    for (const LinkOutput& link : webViewerLinks(faceSize, outputPrefix, extension)) {
         AtomicOutputFile out(link.path);
         std::filesystem::remove(out.tempPath());
         std::filesystem::create_symlink(link.target, out.tempPath());

@@ -16,7 +16,9 @@
 // its file addresses tiles through a function (the two JavaScript modules);
 // for Pannellum 2.5, whose multires template can do neither, the pyramid's
 // folder gets a folder "pannellum" of relative symbolic links to the tiles
-// under names the template spells (level from 1, no padding).
+// under names the template spells (see CubeJpegNames), below a level of the
+// preview faces: Pannellum shows its `preview` image only until the viewer
+// starts, which for a pyramid is at once, so the preview is its first level.
 #include <string>
 #include <vector>
 

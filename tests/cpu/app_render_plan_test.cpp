@@ -253,16 +253,18 @@ TEST(RenderPlan, TilePyramidAndImageInputs)
     planSteps(plan);
     // 1100-pixel faces in tiles of 275: levels 2, 1 and 0 with 16, 4 and 1 tiles.
     EXPECT_EQ(plan.cubeFaceWidth, 1100);
-    // Then the two previews, the web viewer files and a link for Pannellum to each tile.
-    ASSERT_EQ(plan.outputFiles().size(), 6u * 21u + 2u + 5u + 6u * 21u);
+    // Then the two previews, Pannellum's six preview faces, the web viewer
+    // files and a link for Pannellum to each tile.
+    ASSERT_EQ(plan.outputFiles().size(), 6u * 21u + 2u + 6u + 5u + 6u * 21u);
     EXPECT_EQ(plan.outputFiles().front(), "t/2_r_00_00.jpg");
     EXPECT_EQ(plan.outputFiles()[15], "t/2_r_03_03.jpg");
     EXPECT_EQ(plan.outputFiles()[20], "t/0_r_00_00.jpg");
     EXPECT_EQ(plan.outputFiles()[6 * 21 - 1], "t/0_f_00_00.jpg");
     EXPECT_EQ(plan.outputFiles()[6 * 21], "t/preview-strip.jpg");
-    EXPECT_EQ(plan.outputFiles()[6 * 21 + 6], "t/index.html");
-    EXPECT_EQ(plan.outputFiles()[6 * 21 + 7], "t/pannellum/1_r_0_0.jpg");
-    EXPECT_EQ(plan.outputFiles().back(), "t/pannellum/3_f_3_3.jpg");
+    EXPECT_EQ(plan.outputFiles()[6 * 21 + 2], "t/pannellum/1_r_0_0.jpg");
+    EXPECT_EQ(plan.outputFiles()[6 * 21 + 12], "t/index.html");
+    EXPECT_EQ(plan.outputFiles()[6 * 21 + 13], "t/pannellum/2_r_0_0.jpg");
+    EXPECT_EQ(plan.outputFiles().back(), "t/pannellum/4_f_3_3.jpg");
 
     // A size this program does not render is only tone-mapped.
     RenderPlan odd = planInput(options);

@@ -253,8 +253,9 @@ TEST(ImageInput, EveryOutputKindFromAnEquirectImage)
     EXPECT_EQ(filesIn(dir / "tiles").size(), 30u + 2 + 5 + 1);
     EXPECT_EQ(jpegSize(dir / "tiles/1_d_01_01.jpg"), (std::array<int, 2>{500, 500}));
     EXPECT_EQ(jpegSize(dir / "tiles/preview-strip.jpg"), (std::array<int, 2>{6 * 250, 250}));
-    EXPECT_TRUE(fs::is_symlink(dir / "tiles/pannellum/2_d_1_1.jpg"));
-    EXPECT_TRUE(fs::equivalent(dir / "tiles/pannellum/2_d_1_1.jpg", dir / "tiles/1_d_01_01.jpg"));
+    EXPECT_TRUE(fs::is_symlink(dir / "tiles/pannellum/3_d_1_1.jpg"));
+    EXPECT_TRUE(fs::equivalent(dir / "tiles/pannellum/3_d_1_1.jpg", dir / "tiles/1_d_01_01.jpg"));
+    EXPECT_EQ(jpegSize(dir / "tiles/pannellum/1_d_0_0.jpg"), (std::array<int, 2>{250, 250}));
     expectNoServerLeft();
 }
 

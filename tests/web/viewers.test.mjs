@@ -1,10 +1,13 @@
 // Opens cube faces and a tile pyramid written by tessara-render in Pannellum,
 // Marzipano and Photo Sphere Viewer (Debian's chromium through puppeteer-core),
 // each through the configuration file the renderer wrote beside them, and
-// compares six views of each with the same views computed from the equirect
-// JPEG of the same run. A copy of each faces configuration with l and r
-// swapped must fail the same comparison. krpano (closed source) is checked
-// against its documented XML structure instead.
+// compares six views of each, and two zoomed ones that need the pyramid's
+// higher levels, with the same views computed from the equirect JPEG of the
+// same run. The pyramid has WebP tiles of a size that is no power of two. With
+// every face and tile request held back, each viewer must still show the front
+// view from the preview it names. A copy of each faces configuration with l
+// and r swapped must fail the same comparison. krpano (closed source) is
+// checked against its documented XML structure instead.
 // Usage: node viewers.test.mjs <folder of tessara-render>
 import { spawnSync } from 'node:child_process';
 import fs from 'node:fs';
@@ -59,7 +62,8 @@ function render(...args) {
 }
 fs.mkdirSync(path.join(work, 'faces'));
 render('--output-prefix', path.join(work, 'faces/pano'), '--er-jpg', '--cf-jpg', '--cf-width', '1024');
-render('--output-prefix', path.join(work, 'tiles') + '/', '--cf-jpg', '--cf-width', '2048');
+// Faces of 1500 in tiles of 375: levels of 375, 750 and 1500.
+render('--output-prefix', path.join(work, 'tiles') + '/', '--cf-jpg', '--cf-width', '1500', '--tile-format', 'webp');
 
 // ---- The equirect JPEG and its thumbnail say they are whole 360 x 180 panoramas.
 for (const [file, w, h] of [['faces/pano.jpg', W, H], ['faces/pano thumbnail.jpg', 1000, 500]]) {
@@ -111,7 +115,11 @@ function compare(png, ref, n) {
 
 // ---- Pages: each viewer loads the renderer's file unmodified, from the folder it was written in.
 const N = 256;
-const views = { front: [0, 0], right: [90, 0], back: [180, 0], left: [-90, 0], up: [0, 90], down: [0, -90] };
+// yaw, pitch and field of view in degrees; at 60 and 20 degrees the viewers'
+// level choice for this window asks for the pyramid's second and third level.
+const views = { front: [0, 0, 90], right: [90, 0, 90], back: [180, 0, 90], left: [-90, 0, 90], up: [0, 90, 90],
+  down: [0, -90, 90] };
+const zoomed = { ...views, zoom60: [20, 10, 60], zoom20: [-30, -20, 20] };
 const style = `<style>html,body{margin:0;background:#000}#v{width:${N}px;height:${N}px}
 .pnlm-controls-container,.pnlm-load-box,.pnlm-about-msg,.pnlm-compass,.pnlm-panorama-info{display:none!important}</style>`;
 const pages = {
@@ -119,15 +127,17 @@ const pages = {
 <div id="v"></div><script src="/node_modules/pannellum/build/pannellum.js"></script><script>
 fetch('${cfg}').then((r) => r.json()).then((config) => {
   const v = pannellum.viewer('v', config);
-  v.on('load', () => { window.look = (yaw, pitch) => { v.setHfov(90, false); v.setYaw(yaw, false); v.setPitch(pitch, false);
-    return { yaw: v.getYaw() * Math.PI / 180, pitch: v.getPitch() * Math.PI / 180, vfov: v.getHfov() }; }; });
+  // A pyramid loads at once, before this line (its tiles come later).
+  const ready = () => { window.look = (yaw, pitch, fov) => { v.setHfov(fov, false); v.setYaw(yaw, false); v.setPitch(pitch, false);
+    return { yaw: v.getYaw() * Math.PI / 180, pitch: v.getPitch() * Math.PI / 180, vfov: v.getHfov() }; }; };
+  if (v.isLoaded()) ready(); else v.on('load', ready);
 });</script>`,
   marzipano: (cfg) => `${style}<div id="v"></div><script src="/node_modules/marzipano/dist/marzipano.js"></script>
 <script type="module">
 import createScene from '${cfg}';
 const scene = createScene(Marzipano, new Marzipano.Viewer(document.getElementById('v')));
 scene.switchTo();
-window.look = (yaw, pitch) => { const v = scene.view(); v.setParameters({ yaw: yaw * Math.PI / 180, pitch: pitch * Math.PI / 180, fov: Math.PI / 2 });
+window.look = (yaw, pitch, fov) => { const v = scene.view(); v.setParameters({ yaw: yaw * Math.PI / 180, pitch: pitch * Math.PI / 180, fov: fov * Math.PI / 180 });
   return { yaw: v.yaw(), pitch: -v.pitch(), vfov: v.fov() * 180 / Math.PI }; };
 </script>`,
   psv: (cfg) => `<link rel="stylesheet" href="/node_modules/@photo-sphere-viewer/core/index.css">${style}<div id="v"></div>
@@ -140,14 +150,14 @@ import { CubemapAdapter } from '@photo-sphere-viewer/cubemap-adapter';
 import { CubemapTilesAdapter } from '/node_modules/@photo-sphere-viewer/cubemap-tiles-adapter/index.module.js';
 import panorama from '${cfg}';
 const v = new Viewer({ container: 'v', adapter: panorama.levels ? CubemapTilesAdapter : CubemapAdapter, panorama,
-  navbar: false, loadingTxt: '', minFov: 30, maxFov: 90, defaultZoomLvl: 0, mousewheel: false });
-v.addEventListener('ready', () => { window.look = (yaw, pitch) => { v.rotate({ yaw: yaw * Math.PI / 180, pitch: pitch * Math.PI / 180 }); v.zoom(0);
+  navbar: false, loadingTxt: '', minFov: 20, maxFov: 90, defaultZoomLvl: 0, mousewheel: false });
+v.addEventListener('ready', () => { window.look = (yaw, pitch, fov) => { v.rotate({ yaw: yaw * Math.PI / 180, pitch: pitch * Math.PI / 180 }); v.zoom((90 - fov) / 70 * 100);
   const p = v.getPosition(); return { yaw: p.yaw, pitch: p.pitch, vfov: v.state.vFov }; }; }, { once: true });
 </script>`,
 };
 
 const types = { '.html': 'text/html', '.js': 'text/javascript', '.mjs': 'text/javascript', '.json': 'application/json',
-  '.css': 'text/css', '.jpg': 'image/jpeg', '.xml': 'application/xml' };
+  '.css': 'text/css', '.jpg': 'image/jpeg', '.webp': 'image/webp', '.xml': 'application/xml' };
 const server = http.createServer((req, res) => {
   const url = new URL(req.url, 'http://x');
   const page = url.pathname.match(/^\/(.*\/)?__(\w+)\.html$/);
@@ -173,28 +183,53 @@ const browser = await puppeteer.launch({
     `--user-data-dir=${path.join(work, 'chromium')}`],
 });
 
-// Shows `folder/config` in `viewer` and returns the comparison of each view.
-async function measure(viewer, folder, config) {
+// Images the viewers ask for, by folder, and whether they are held back.
+// Pannellum's pyramid has the preview faces as its first level.
+const isPreview = (url) => /preview[^/]*\.jpg$|\/pannellum\/1_[a-z]_0_0\.webp$/.test(url);
+const isImage = (url) => /\/(faces|tiles)\/.*\.(jpg|webp)$/.test(url);
+
+// Shows `folder/config` in `viewer`. Until the first view is taken every face
+// and tile request is held back (unanswered, as by a slow server), so that
+// only the preview can show it; then they go on and each of `views` is
+// compared. Returns the comparisons and the images requested.
+async function measure(viewer, folder, config, views) {
   const page = await browser.newPage();
   await page.setViewport({ width: N, height: N, deviceScaleFactor: 1 });
   page.on('pageerror', (e) => console.error(`${viewer} ${config}: ${e.message}`));
+  const requested = [];
+  let held = [];
+  await page.setRequestInterception(true);
+  page.on('request', (r) => {
+    const url = new URL(r.url()).pathname;
+    if (isImage(url)) requested.push(url);
+    if (held && isImage(url) && !isPreview(url)) held.push(r); else r.continue();
+  });
   await page.goto(`${origin}/${folder}/__${viewer}.html?config=${encodeURIComponent('./' + config)}`);
+  for (let i = 0; i < 100 && !requested.some(isPreview); i++) await new Promise((ok) => setTimeout(ok, 100));
+  const preview = compare(await steadyShot(page), referenceView(0, 0, 90, N), N);
+  const waiting = held.splice(0);
+  held = null;
+  waiting.forEach((r) => r.continue());
   await page.waitForFunction('window.look', { timeout: 30000 });
   const results = {};
-  for (const [name, [yaw, pitch]] of Object.entries(views)) {
-    const seen = await page.evaluate(`look(${yaw}, ${pitch})`);
-    // Tiles arrive asynchronously: wait until two screenshots a moment apart agree.
-    let shot = null;
-    for (let i = 0; i < 40; i++) {
-      await new Promise((ok) => setTimeout(ok, 250));
-      const next = await page.screenshot({ clip: { x: 0, y: 0, width: N, height: N } });
-      if (shot && Buffer.compare(shot, next) === 0) break;
-      shot = next;
-    }
-    results[name] = compare(PNG.sync.read(shot), referenceView(seen.yaw, seen.pitch, seen.vfov, N), N);
+  for (const [name, [yaw, pitch, fov]] of Object.entries(views)) {
+    const seen = await page.evaluate(`look(${yaw}, ${pitch}, ${fov})`);
+    results[name] = compare(await steadyShot(page), referenceView(seen.yaw, seen.pitch, seen.vfov, N), N);
   }
   await page.close();
-  return results;
+  return { results, preview, requested };
+}
+
+// Tiles arrive asynchronously: waits until two screenshots a moment apart agree.
+async function steadyShot(page) {
+  let shot = null;
+  for (let i = 0; i < 40; i++) {
+    await new Promise((ok) => setTimeout(ok, 250));
+    const next = await page.screenshot({ clip: { x: 0, y: 0, width: N, height: N } });
+    if (shot && Buffer.compare(shot, next) === 0) break;
+    shot = next;
+  }
+  return PNG.sync.read(shot);
 }
 
 const report = (label, r) => console.log(label.padEnd(34) + Object.entries(r)
@@ -203,23 +238,33 @@ const report = (label, r) => console.log(label.padEnd(34) + Object.entries(r)
 // viewer, the reference is bilinear from a JPEG of quality 90; on this smooth
 // scene that costs about one to three levels. A wrong face is off by tens.
 const good = (v) => v.mean < 6 && v.psnr > 28;
+// The preview alone (faces of 187 or 256 pixels shown at about 256) comes
+// within the same bounds on this smooth scene, with a little room.
+const goodPreview = (v) => v.mean < 8 && v.psnr > 25;
 for (const [viewer, ext] of [['pannellum', 'json'], ['marzipano', 'js'], ['psv', 'js']]) {
   for (const [folder, config] of [['faces', `pano_${viewer}.${ext}`], ['tiles', `${viewer}.${ext}`]]) {
-    const r = await measure(viewer, folder, config);
-    report(`${viewer} ${folder}`, r);
+    const { results: r, preview, requested } = await measure(viewer, folder, config, folder === 'tiles' ? zoomed : views);
+    report(`${viewer} ${folder}`, { ...r, preview });
     for (const [k, v] of Object.entries(r)) check(good(v), `${viewer} ${folder} ${k}: mean ${v.mean}, PSNR ${v.psnr}`);
+    check(requested.some(isPreview) && goodPreview(preview), `${viewer} ${folder}: the preview shows the front view`);
+    if (folder === 'tiles') {
+      // Every level of the pyramid was asked for (Pannellum through its links, levels from 2).
+      const levels = new Set(requested.filter((u) => !isPreview(u))
+        .map((u) => +u.match(/(\d+)_[a-z]_\d+_\d+\.webp$/)[1] - (viewer === 'pannellum' ? 2 : 0)));
+      check([0, 1, 2].every((l) => levels.has(l)), `${viewer}: tiles of every level requested (${[...levels]})`);
+    }
   }
   // The same faces configuration with l and r exchanged must be caught.
   const text = fs.readFileSync(path.join(work, 'faces', `pano_${viewer}.${ext}`), 'utf8');
   const wrong = swapText(text, viewer);
   fs.writeFileSync(path.join(work, 'faces', `wrong_${viewer}.${ext}`), wrong);
   check(wrong !== text, `${viewer}: the swapped configuration differs`);
-  const r = await measure(viewer, 'faces', `wrong_${viewer}.${ext}`);
+  const { results: r } = await measure(viewer, 'faces', `wrong_${viewer}.${ext}`, views);
   report(`${viewer} faces, l and r swapped`, r);
   check(!good(r.left) && !good(r.right), `${viewer}: swapped l and r faces not detected`);
 }
 function swapText(text, viewer) {
-  if (viewer === 'marzipano') return text.replace("t.face + '.jpg'", "({ l: 'r', r: 'l' }[t.face] || t.face) + '.jpg'");
+  if (viewer === 'marzipano') return text.replace("face + '.jpg'", "({ l: 'r', r: 'l' }[face] || face) + '.jpg'");
   if (viewer === 'psv') return text.replace("left: 'l'", "left: 'r'").replace("right: 'r'", "right: 'l'");
   return text.replace('pano_l.jpg', '@').replace('pano_r.jpg', 'pano_l.jpg').replace('@', 'pano_r.jpg');
 }
@@ -248,11 +293,24 @@ for (const [folder, file] of [['tiles', 'krpano.xml'], ['faces', 'pano_krpano.xm
     return { root: d.documentElement.nodeName, image: image && Object.fromEntries([...image.attributes].map((a) => [a.name, a.value])),
       levels: [...d.querySelectorAll('image > level')].map((l) => ({ w: +l.getAttribute('tiledimagewidth'),
         h: +l.getAttribute('tiledimageheight'), url: l.querySelector(':scope > cube')?.getAttribute('url') })),
-      cube: d.querySelector('image > cube')?.getAttribute('url') };
+      cube: d.querySelector('image > cube')?.getAttribute('url'),
+      preview: Object.fromEntries([...(d.querySelector(':scope > preview')?.attributes || [])].map((a) => [a.name, a.value])) };
   }, xml);
   await page.close();
   check(!doc.error && doc.root === 'krpano' && doc.image, `${file}: a <krpano> root with one <image>`);
-  const size = (f) => { const j = jpeg.decode(fs.readFileSync(f), { useTArray: true }); return [j.width, j.height]; };
+  // A JPEG's size from jpeg-js; a lossy WebP's from its VP8 frame header.
+  const size = (f) => {
+    const b = fs.readFileSync(f);
+    if (b.toString('latin1', 0, 4) === 'RIFF' && b.toString('latin1', 12, 16) === 'VP8 ')
+      return [b.readUInt16LE(26) & 0x3fff, b.readUInt16LE(28) & 0x3fff];
+    const j = jpeg.decode(b, { useTArray: true });
+    return [j.width, j.height];
+  };
+  // The preview: a strip of six square faces in the order it states, 1024 and
+  // 1500 halved to at most 256.
+  const previewFace = { faces: 256, tiles: 187 }[folder];
+  check(doc.preview?.type === 'CUBESTRIP' && doc.preview.striporder === 'BDFLRU' &&
+    size(path.join(work, folder, doc.preview.url)).join() === [6 * previewFace, previewFace].join(), `${file}: <preview> of a cube strip`);
   const letters = ['l', 'f', 'r', 'b', 'u', 'd'];  // krpano's default cubelabels
   if (folder === 'faces') {
     check(/%s/.test(doc.cube), `${file}: a cube url with %s`);
