@@ -23,46 +23,7 @@ renderer=$bin/tessara-render
 "$root/scripts/make-captures.sh" "$bin" "$work/captures" --detail 4 --supersample 1 >/dev/null
 mkdir -p "$work/out"
 
-# Peak resident set size (MB) and wall time (s) of a command; its stderr is
-# kept in $log. /usr/bin/time when present, else the kernel's high-water mark
-# sampled while the command runs.
-measure() {
-    local log=$1; shift
-    local start end status=0
-    start=$(date +%s.%N)
-    if [ -x /usr/bin/time ]; then
-        /usr/bin/time -f '%M' -o "$log.rss" "$@" >/dev/null 2>"$log" || status=$?
-        peak_kb=$(tail -n 1 "$log.rss")
-    else
-        "$@" >/dev/null 2>"$log" &
-        local pid=$! hwm
-        peak_kb=0
-        while kill -0 "$pid" 2>/dev/null; do
-            hwm=$(awk '/^VmHWM:/ {print $2}' "/proc/$pid/status" 2>/dev/null || true)
-            [ -n "$hwm" ] && [ "$hwm" -gt "$peak_kb" ] && peak_kb=$hwm
-            sleep 0.05
-        done
-        wait "$pid" || status=$?
-    fi
-    end=$(date +%s.%N)
-    wall=$(awk -v a="$start" -v b="$end" 'BEGIN {printf "%.2f", b - a}')
-    return $status
-}
-
-# Table of the stage lines in a renderer log: "<prefix> <stage>: <seconds>s".
-stage_table() {
-    awk '
-        match($0, /: [0-9]+\.[0-9]+s$/) {
-            label = substr($0, 1, RSTART - 1); secs = substr($0, RSTART + 2, RLENGTH - 3)
-            gsub(/^ +| +$/, "", label); gsub(/  +/, " ", label)
-            if (!(label in total)) order[n++] = label
-            total[label] += secs; count[label]++
-        }
-        END {
-            printf "  %-32s %6s %9s\n", "stage", "count", "seconds"
-            for (i = 0; i < n; i++) { l = order[i]; printf "  %-32s %6d %9.3f\n", l, count[l], total[l] }
-        }' "$1"
-}
+source "$root/bench/measure.sh"
 
 run() {
     local name=$1; shift
