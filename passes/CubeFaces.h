@@ -24,7 +24,7 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& p
                        const std::string& compression, const std::string& previewPath,
                        const std::string& projectPath);
 
-// Names of the JPEG-set faces for an output prefix: prefix + "_" + letter +
+// Names of the cube face images for an output prefix: prefix + "_" + letter +
 // "." + extension, or, when the prefix ends in "/" or "\", a tile pyramid
 // "%d_%s_%02d_%02d.<extension>" (level, letter, tile row, tile column) inside
 // that folder. Beside them two small JPEG previews of the whole cube (see
@@ -60,8 +60,8 @@ private:
 };
 
 // Faces from the 8-bit panorama in `encoding`, named by `names`, then the two
-// previews (JPEG at the same quality); a pyramid's folder is made when it
-// does not exist.
+// previews (JPEG at the same quality) and, for a pyramid, Pannellum's preview
+// faces (in `encoding`); a pyramid's folders are made when they do not exist.
 void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames& names, const TileEncoding& encoding);
 
 // The folder of Pannellum's tile names inside a pyramid's folder.
