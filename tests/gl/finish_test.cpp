@@ -214,7 +214,7 @@ TEST(FinishCubeFacesGL, TilePyramid)
             for (int r = 0; r < (1 << l); ++r)
                 for (int c = 0; c < (1 << l); ++c)
                     expected.insert(pyramidTileName(l, kCubeFaces[f].letter, r, c, "jpg"));
-    expected.insert({"preview-strip.jpg", "preview.jpg"});
+    expected.insert({"preview-strip.jpg", "preview.jpg", "pannellum"});
     for (const auto& entry : fs::directory_iterator(tiles))
         found.insert(entry.path().filename().string());
     EXPECT_EQ(found, expected);
