@@ -101,7 +101,7 @@ TEST(ParseOptions, HelpNamesEveryOption)
     int options = 0;
     for (std::sregex_iterator m(usage.begin(), usage.end(), option), end; m != end; ++m, ++options)
         EXPECT_NE(help.find("\n  " + (*m)[1].str() + " "), std::string::npos) << (*m)[1];
-    EXPECT_EQ(options, 11);
+    EXPECT_EQ(options, 13);
     for (const char* line : {"\n  -v, --version ", "\n  -V ", "\n  -h, --help "})
         EXPECT_NE(help.find(line), std::string::npos) << line;
 }
