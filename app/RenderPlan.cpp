@@ -19,6 +19,7 @@
 #include "image/Radiance.h"
 #include "passes/CubeFaces.h"
 #include "passes/WebViewers.h"
+#include "project/LensModel.h"
 #include "project/PtsImport.h"
 #include "project/TspProject.h"
 
@@ -49,7 +50,22 @@ bool applyUpsideDownRule(Project& project)
     return true;
 }
 
-int slotCountOf(const Project& project) { return project.images.size() <= 7 ? 5 : 6; }
+int slotCountOf(const Project& project)
+{
+    return project.layout == RigLayout::General || project.images.size() <= 7 ? 5 : 6;
+}
+
+int32_t rigEquirectWidth(const Project& project, int slotCount)
+{
+    constexpr double kWidest = 31800;
+    double focal = 0;
+    for (const ImageEntry& e : project.images)
+        if (!isOrientation(e) && e.fov > 0)
+            focal = std::max(focal, focalLength(e.projection, double(e.width), toRadians(e.fov)));
+    const int step = 4 * slotCount;
+    const double width = std::min(2 * kPi * focal, kWidest);
+    return std::max(step, int32_t(width / step) * step);
+}
 
 int32_t defaultEquirectWidth(const Project& project, int slotCount)
 {
@@ -161,9 +177,11 @@ void planProject(RenderPlan& plan, Project project, std::ostream& log)
     const int32_t givenWidth = plan.options.erWidth;
     plan.hdr = isHdrProject(project);
     plan.upsideDown = applyUpsideDownRule(project);
+    plan.layout = project.layout;
     plan.slotCount = slotCountOf(project);
-    plan.width = givenWidth == 0 ? defaultEquirectWidth(project, plan.slotCount)
-                                 : adjustEquirectWidth(givenWidth, plan.slotCount, log);
+    const int32_t defaultWidth = plan.layout == RigLayout::General ? rigEquirectWidth(project, plan.slotCount)
+                                                                   : defaultEquirectWidth(project, plan.slotCount);
+    plan.width = givenWidth == 0 ? defaultWidth : adjustEquirectWidth(givenWidth, plan.slotCount, log);
     if (plan.width <= 0)
         throw std::runtime_error(formatText("Invalid output equirect width %d", plan.width));
     plan.height = plan.width / 2;
@@ -276,7 +294,9 @@ void printPlan(const RenderPlan& plan, std::ostream& out)
     out << "input: " << plan.inputPath << " (" << kInputs[int(plan.input)] << ")\n"
         << "mode: " << (plan.hdr ? "HDR" : "LDR") << (plan.upsideDown ? ", upside down" : "")
         << (plan.tonemapOnly ? ", tone-mapping only" : "") << "\n";
-    if (plan.isProject())
+    if (plan.isProject() && plan.layout == RigLayout::General)
+        out << "layout: any rig\n";
+    else if (plan.isProject())
         out << "slots: " << plan.slotCount << "\n";
     out << "equirect: " << plan.width << " x " << plan.height << "\n"
         << "cube face: " << plan.cubeFaceWidth << "\n";

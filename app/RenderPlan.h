@@ -68,7 +68,8 @@ struct RenderPlan {
     bool hdr = false;
     bool upsideDown = false;   // turn the panorama by 180 degrees
     bool tonemapOnly = false;  // image input of a size this program does not render
-    int slotCount = 0;         // projects only
+    RigLayout layout = RigLayout::FisheyeRing;  // projects only
+    int slotCount = 0;         // projects only; the general layout's width step is that of 5 slots
     int32_t width = 0;         // equirect panorama
     int32_t height = 0;
 
@@ -141,8 +142,14 @@ bool isHdrProject(const Project& project);
 bool applyUpsideDownRule(Project& project);
 
 // Capture positions around the horizon: 5 up to 7 entries (the orientation
-// entry counts), else 6.
+// entry counts), else 6; 5 in the general layout.
 int slotCountOf(const Project& project);
+
+// Width for a project of the general layout when none is given: the
+// panorama's pixels per degree those of the sharpest source at its centre
+// (focal length), rounded down to a multiple of 4 * slotCount and kept
+// within 4 * slotCount and the widest default of the ring layouts.
+int32_t rigEquirectWidth(const Project& project, int slotCount);
 
 // Width chosen from the first entry's pixel count (32-bit product) when none
 // is given; always a multiple of 4 * slotCount.

@@ -29,6 +29,7 @@
 #include "libglutil/Texture.h"
 #include "passes/Sharpen.h"
 #include "passes/StitchReach.h"
+#include "passes/StitchStrips.h"
 #include "project/CameraUniforms.h"
 #include "project/LensModel.h"
 
@@ -90,6 +91,11 @@ private:
     void sampleBilinear(const Texture& sharpened);
     PixelRect readablePart(size_t index, const std::vector<int>& strips, int width, int height, int eighths) const;
     float stripYaw(int strip) const;
+    // The ring layouts draw every image through the layout's lens.
+    Projection ringProjection() const
+    {
+        return layout_.fisheye ? Projection::FullFrameFisheye : Projection::Rectilinear;
+    }
     int decodeEighths(const ImageEntry& entry) const;
     ImageEntry asLoaded(size_t index) const { return asLoaded(index, eighths_[index]); }
     ImageEntry asLoaded(size_t index, int eighths) const;
@@ -291,7 +297,7 @@ int EquirectStitcher::decodeEighths(const ImageEntry& entry) const
     if (tuning_.decodeEighths > 0)
         return tuning_.decodeEighths;
     const double fovRad = double(entry.fov) * kDegToRad;
-    const double focal = layout_.fisheye ? entry.width / fovRad : 0.5 * entry.width / std::tan(0.5 * fovRad);
+    const double focal = focalLength(ringProjection(), double(entry.width), fovRad);
     const double k = 1.0 - double(entry.a) - double(entry.b) - double(entry.c);
     const double sourcePerDegree = focal * std::min(k, 1.0) * double(kDegToRad);
     const double outPerDegree = outWidth_ / 360.0;
@@ -456,7 +462,8 @@ PixelRect EquirectStitcher::readablePart(size_t index, const std::vector<int>& s
     if (!tuning_.boundDraws)
         return whole;
     const ImageEntry entry = asLoaded(index, eighths);
-    LensModel lens = lensModelOf(entry, layout_.fisheye);
+    LensModel lens = lensModelOf(entry);
+    lens.projection = ringProjection();
     lens.w = width;
     lens.h = height;
     PixelRect part;
@@ -523,7 +530,8 @@ void EquirectStitcher::boundedPass(const ImageEntry& entry, const Texture& sourc
         fullScreenPass(target.width(), target.height());
         return;
     }
-    LensModel lens = lensModelOf(entry, layout_.fisheye);
+    LensModel lens = lensModelOf(entry);
+    lens.projection = ringProjection();
     lens.w = source.width();
     lens.h = source.height();
     const PixelRect reach = reachInTarget(lens, cameraMat, layout_.slotAngle, target.width(), target.height());
@@ -537,18 +545,32 @@ void EquirectStitcher::boundedPass(const ImageEntry& entry, const Texture& sourc
 
 void EquirectStitcher::readBackStrip(int strip)
 {
-    uint8_t* destination = panorama_.pixel((strip - 1) * stripWidth_, 0);
-    const int rowLength = panorama_.stride() / panorama_.channels();
+    readBackStripInto(panorama_, (strip - 1) * stripWidth_, stripTarget_.texture, *pack_, hdr_ ? nullptr : &byteBand_);
+}
 
-    if (hdr_) {
-        const RenderTarget rgbeStrip(stripWidth_, outHeight_, GL_RGBA8);
-        pack_->use();
-        stripTarget_.texture.bind(GL_TEXTURE0);
+void EquirectStitcher::turnToHeading()
+{
+    turnRowsLeft(panorama_, headingShiftBytes(layout_, heading_, outWidth_, panorama_.channels()));
+}
+
+}  // namespace
+
+void readBackStripInto(const MutableImageView& panorama, int x0, const Texture& strip, const Shader& pack,
+                       const RenderTarget* byteBand)
+{
+    const int stripWidth = strip.width(), outHeight = strip.height();
+    uint8_t* destination = panorama.pixel(x0, 0);
+    const int rowLength = panorama.stride() / panorama.channels();
+
+    if (!byteBand) {
+        const RenderTarget rgbeStrip(stripWidth, outHeight, GL_RGBA8);
+        pack.use();
+        strip.bind(GL_TEXTURE0);
         rgbeStrip.framebuffer.bind();
         glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
-        fullScreenPass(stripWidth_, outHeight_);
+        fullScreenPass(stripWidth, outHeight);
         finishStage("render (rgb2rgbe)");
-        rgbeStrip.framebuffer.read(destination, GL_RGBA, GL_UNSIGNED_BYTE, stripWidth_, outHeight_, rowLength);
+        rgbeStrip.framebuffer.read(destination, GL_RGBA, GL_UNSIGNED_BYTE, stripWidth, outHeight, rowLength);
         finishStage("gpu -> cpu (render)");
         return;
     }
@@ -557,33 +579,31 @@ void EquirectStitcher::readBackStrip(int strip)
     // they do not depend on the driver's own float-to-byte conversion. It
     // works band by band through a small target that stays in the cache
     // between being written and being read.
-    pack_->use();
-    stripTarget_.texture.bind(GL_TEXTURE0);
-    for (int row = 0; row < outHeight_; row += byteBand_.height()) {
-        const int rows = std::min(byteBand_.height(), outHeight_ - row);
-        pack_->setUniform("firstRow", row);
-        byteBand_.framebuffer.bind();
-        fullScreenPass(stripWidth_, rows);
-        byteBand_.framebuffer.read(destination + size_t(row) * size_t(panorama_.stride()), GL_RGB, GL_UNSIGNED_BYTE,
-                                   stripWidth_, rows, rowLength);
+    pack.use();
+    strip.bind(GL_TEXTURE0);
+    for (int row = 0; row < outHeight; row += byteBand->height()) {
+        const int rows = std::min(byteBand->height(), outHeight - row);
+        pack.setUniform("firstRow", row);
+        byteBand->framebuffer.bind();
+        fullScreenPass(stripWidth, rows);
+        byteBand->framebuffer.read(destination + size_t(row) * size_t(panorama.stride()), GL_RGB, GL_UNSIGNED_BYTE,
+                                   stripWidth, rows, rowLength);
     }
     finishStage("gpu -> cpu (render)");
 }
 
-void EquirectStitcher::turnToHeading()
+void turnRowsLeft(const MutableImageView& panorama, size_t shift)
 {
-    const size_t rowBytes = size_t(outWidth_) * size_t(panorama_.channels());
-    const size_t shift = headingShiftBytes(layout_, heading_, outWidth_, panorama_.channels());
+    const size_t rowBytes = size_t(panorama.width()) * size_t(panorama.channels());
     if (shift == 0)
         return;
+    const int height = panorama.height();
 #pragma omp parallel for schedule(static)
-    for (int y = 0; y < outHeight_; ++y) {
-        uint8_t* row = panorama_.row(y);
+    for (int y = 0; y < height; ++y) {
+        uint8_t* row = panorama.row(y);
         std::rotate(row, row + shift, row + rowBytes);
     }
 }
-
-}  // namespace
 
 StitchLayout stitchLayout(size_t entryCount)
 {
@@ -635,5 +655,9 @@ void stitchEquirect(const MutableImageView& panorama, const std::string& project
                     bool useOrientation, const StitchTuning& tuning)
 {
     ReuseFreedMemory reuse;
+    if (project.layout == RigLayout::General) {
+        stitchRig(panorama, projectPath, project, hdr, useOrientation);
+        return;
+    }
     EquirectStitcher(panorama, projectPath, project, hdr, useOrientation, tuning).run();
 }

@@ -55,7 +55,7 @@ bool traceBorder(const LensModel& lens, std::vector<std::array<double, 3>>& bord
     // Direction of the fold itself (where the inverse of the distortion is
     // ill-conditioned), by its angle off axis.
     const double foldRi = rhoMax * radius;
-    const double foldTheta = lens.fisheye ? foldRi / projection.focal() : std::atan(foldRi / projection.focal());
+    const double foldTheta = offAxisAngle(lens.projection, projection.focal(), foldRi);
 
     // The valid area is convex and holds the optical centre, so every ray
     // from the centre leaves it once: walking the frame's outline and pulling

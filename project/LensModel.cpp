@@ -4,7 +4,6 @@
 #include <cmath>
 #include <limits>
 
-#include "project/Project.h"
 
 namespace {
 constexpr double kInf = std::numeric_limits<double>::infinity();
@@ -61,12 +60,12 @@ double smallestPositiveRoot(const double* p)
 }
 }  // namespace
 
-LensModel lensModelOf(const ImageEntry& entry, bool fisheye)
+LensModel lensModelOf(const ImageEntry& entry)
 {
     LensModel lens;
     lens.w = entry.width;
     lens.h = entry.height;
-    lens.fisheye = fisheye;
+    lens.projection = entry.projection;
     lens.v = entry.fov;
     lens.a = entry.a;
     lens.b = entry.b;
@@ -127,7 +126,7 @@ LensProjection::LensProjection(const LensModel& lens) : lens_(lens)
     mul(t, ry, m_);
 
     const double vRad = toRadians(lens.v);
-    f_ = lens.fisheye ? lens.w / vRad : (lens.w / 2.0) / std::tan(vRad / 2);
+    f_ = focalLength(lens.projection, double(lens.w), vRad);
     radius_ = std::min(lens.w, lens.h) / 2.0;
     k_ = 1 - lens.a - lens.b - lens.c;
     rhoMax_ = maxValidRho(lens.a, lens.b, lens.c);
@@ -145,12 +144,7 @@ bool LensProjection::toPixel(const std::array<double, 3>& dir, double& x, double
     const double czv = m_[6] * dir[0] + m_[7] * dir[1] + m_[8] * dir[2];
     const double q = std::sqrt(cxv * cxv + cyv * cyv);
     double ri;
-    if (lens_.fisheye) {
-        ri = f_ * std::atan2(q, czv);
-    } else {
-        if (czv <= 0) return false;
-        ri = f_ * q / czv;
-    }
+    if (!idealRadius(lens_.projection, f_, q, czv, ri)) return false;
     const double rho = ri / radius_;
     if (!(rho < rhoMax_)) return false;
     if (q > 0) {
@@ -210,7 +204,7 @@ bool LensProjection::toDirection(double x, double y, std::array<double, 3>& dir,
     if (!invertDistortion(rs / radius_, rho)) return false;
     if (rhoInOut) *rhoInOut = rho;
     const double ri = rho * radius_;
-    const double theta = lens_.fisheye ? ri / f_ : std::atan(ri / f_);
+    const double theta = offAxisAngle(lens_.projection, f_, ri);
     if (theta > kPi) return false;
     double c[3] = {0, 0, 1};
     if (rs > 0) {
@@ -251,12 +245,7 @@ bool directionToPixelFloat(const Mat3& cameraMat, const LensModel& lens, float l
     const float k = 1.0f - a - b - c;
     const float q = std::sqrt(cam[0] * cam[0] + cam[1] * cam[1]);
     float ri;
-    if (lens.fisheye) {
-        ri = (w / vRad) * std::atan2(q, cam[2]);
-    } else {
-        if (cam[2] <= 0.0f) return false;
-        ri = (0.5f * w / std::tan(0.5f * vRad)) * q / cam[2];
-    }
+    if (!idealRadius(lens.projection, focalLength(lens.projection, w, vRad), q, cam[2], ri)) return false;
     const float rho = ri / (0.5f * std::min(w, h));
     if (!(rho < float(maxValidRho(lens.a, lens.b, lens.c)))) return false;
     const float rs = ri * (k + rho * (c + rho * (b + rho * a)));

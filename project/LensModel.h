@@ -20,20 +20,52 @@
 //   sample.
 // - Centre shift: x = cx + d + r_s Cx / q, y = cy + e - r_s Cy / q.
 #include <array>
+#include <cmath>
 
 #include "project/CameraMatrix.h"
-
-struct ImageEntry;
+#include "project/Project.h"
 
 struct LensModel {
     int w = 0, h = 0;
-    bool fisheye = true;
+    Projection projection = Projection::FullFrameFisheye;
     double v = 0, a = 0, b = 0, c = 0, d = 0, e = 0, yaw = 0, pitch = 0, roll = 0;
+    bool fisheye() const { return isFisheye(projection); }
 };
 
-// The model of a project entry; the entry does not say which lens type it is
-// (the capture layout does), so the caller passes it.
-LensModel lensModelOf(const ImageEntry& entry, bool fisheye);
+// The model of a project entry, with its projection.
+LensModel lensModelOf(const ImageEntry& entry);
+
+// Focal length in pixels of a lens whose field of view (radians) spans
+// `width` pixels: width / fov for a fisheye, (width / 2) / tan(fov / 2) for
+// a rectilinear lens. In the precision of T, as the shader's twin needs it.
+template <class T>
+T focalLength(Projection projection, T width, T fovRad)
+{
+    return isFisheye(projection) ? width / fovRad : T(0.5) * width / std::tan(T(0.5) * fovRad);
+}
+
+// Distance from the axis on the undistorted image of the camera-frame
+// direction with transverse length q and axial component z: f theta for a
+// fisheye, f q / z for a rectilinear lens (which sees nothing at z <= 0:
+// false).
+template <class T>
+bool idealRadius(Projection projection, T focal, T q, T z, T& radius)
+{
+    if (isFisheye(projection)) {
+        radius = focal * std::atan2(q, z);
+        return true;
+    }
+    if (z <= T(0)) return false;
+    radius = focal * q / z;
+    return true;
+}
+
+// The angle off the axis (radians) at distance `radius` from it on the
+// undistorted image; the inverse of idealRadius.
+inline double offAxisAngle(Projection projection, double focal, double radius)
+{
+    return isFisheye(projection) ? radius / focal : std::atan(radius / focal);
+}
 
 // Direction (lon, lat) to source pixel (x, y). False when the direction has no
 // sample: behind a rectilinear camera, past the valid radius, or outside the

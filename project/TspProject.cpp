@@ -31,6 +31,7 @@ Project loadTspProject(const std::string& path)
         entry.roll = -90.0f;  // the capture head always shoots portrait frames
         entry.pitch = doc.get<float>(slot + ".p");
         entry.fov = fov;
+        entry.projection = wideLens ? Projection::Rectilinear : Projection::FullFrameFisheye;
         // One vignetting curve for every slot and lens.
         entry.va = 1.0f;
         entry.vb = -0.06f;
@@ -54,5 +55,6 @@ Project loadTspProject(const std::string& path)
         entry.fov = angle("tilt");
         project.images.push_back(entry);
     }
+    project.layout = wideLens ? RigLayout::TwoRings : RigLayout::FisheyeRing;
     return project;
 }

@@ -65,7 +65,7 @@ void expectRendererAgrees(const Capture& cap, bool useOrientation)
             if (!LensProjection(cap.shots[k].camera).toPixel(world, wx, wy)) continue;
             const Mat3 m = cameraMatrix(e.yaw - yaw1, e.pitch, e.roll, correction, {float(strip), 0.0f});
             float fx, fy;
-            LensModel lens = lensModelOf(e, cap.fisheye);
+            LensModel lens = lensModelOf(e);
             const bool seen = directionToPixelFloat(m, lens, float(local), float(lat), fx, fy);
             // Within a pixel of the border the float path may disagree on
             // inside/outside; elsewhere it must see the same pixel.

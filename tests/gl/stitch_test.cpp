@@ -292,7 +292,7 @@ TEST(StitchLens, ShaderSamplesWhereTheModelSays)
     for (const support::LensRow& c : lensCases()) {
         SCOPED_TRACE(c.camera);
         const LensModel& lens = c.lens;
-        Shader program("fish", defines(lens.fisheye));
+        Shader program("fish", defines(lens.fisheye()));
         setLensUniforms(program, lens);
         const std::vector<float> xs = render(program, coordinateImage(lens.w, lens.h, true));
         const std::vector<float> ys = render(program, coordinateImage(lens.w, lens.h, false));
@@ -644,7 +644,7 @@ TEST(StitchCapture, BoundedDrawsMatchFullStrips)
         EXPECT_TRUE(pixels[0] == pixels[1]);
 
         const auto reach = [&](const ImageEntry& e, float stripYaw) {
-            return reachInTarget(lensModelOf(e, fisheye), cameraMatrix(e.yaw, e.pitch, e.roll, {0, 0}, {stripYaw, 0}),
+            return reachInTarget(lensModelOf(e), cameraMatrix(e.yaw, e.pitch, e.roll, {0, 0}, {stripYaw, 0}),
                                  fisheye ? 72.0f : 60.0f, 200, 1000);
         };
         const PixelRect r = reach(project.images[0], 0);
@@ -659,7 +659,7 @@ TEST(StitchCapture, BoundedDrawsMatchFullStrips)
         const ImageEntry& ring = project.images[1];
         PixelRect read;
         for (const float side : {-36.0f, 36.0f}) {
-            const PixelRect p = reachInSource(lensModelOf(ring, true),
+            const PixelRect p = reachInSource(lensModelOf(ring),
                                               cameraMatrix(0, ring.pitch, ring.roll, {0, 0}, {side, 0}), 72.0f);
             read = read.empty() ? p : PixelRect{std::min(read.x0, p.x0), std::min(read.y0, p.y0),
                                                 std::max(read.x1, p.x1), std::max(read.y1, p.y1)};

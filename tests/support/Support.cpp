@@ -131,7 +131,7 @@ std::vector<LensRow> lensVectors()
         in >> l.w >> l.h >> type >> l.v >> l.a >> l.b >> l.c >> l.d >> l.e >> l.yaw >> l.pitch >> l.roll >> r.x >> r.y >>
             r.lon >> r.lat;
         in.ignore(1 << 16, '\n');  // the angle off the axis
-        l.fisheye = type != 0;
+        l.projection = type != 0 ? Projection::FullFrameFisheye : Projection::Rectilinear;
         rows.push_back(r);
     }
     EXPECT_FALSE(in.bad());

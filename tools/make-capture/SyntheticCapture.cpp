@@ -280,6 +280,7 @@ Capture planCapture(const CaptureOptions& o)
         e.pitch = asRead(pitch);
         e.roll = asRead(roll);
         e.fov = link.fov;
+        e.projection = cap.fisheye ? Projection::CircularFisheye : Projection::Rectilinear;
         e.a = link.a;
         e.b = link.b;
         e.c = link.c;
@@ -321,7 +322,7 @@ Capture planCapture(const CaptureOptions& o)
         const ImageEntry& e = s.entry;
         const R3 m = mul(worldToCamera(e.yaw, e.pitch, e.roll), rigToWorld);
         LensModel& lens = s.camera;
-        lens = lensModelOf(e, cap.fisheye);
+        lens = lensModelOf(e);
         anglesOf(m, lens.yaw, lens.pitch, lens.roll);
     }
     if (o.hdr) cap.colourMatrix = colourMatrixFor(cap.shots[0].entry.width);
