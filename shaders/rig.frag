@@ -17,7 +17,7 @@
 //
 // Usable area: the crop rectangle (the frame when there is none) within the
 // frame, for a circular fisheye the ellipse inscribed in the crop, and the
-// fold circle. The weight is a smoothstep of the normalised distance to the
+// fold circle; a circle loses a rim of a few pixels. The weight is a smoothstep of the normalised distance to the
 // nearest border of that area: 0 on the border, 1 only at its centre, so that
 // every output pixel is a blend of all the images that see it, each fading out
 // smoothly toward its border.
@@ -44,6 +44,9 @@ uniform mat3 colorMat;
 #endif
 
 const float DEG_TO_RAD = 0.017453292;
+// Pixels along a crop circle's border mix the picture with the dark outside
+// (and the codec smears that a few pixels further): they are left out.
+const float CIRCLE_RIM = 4.0;
 
 void main()
 {
@@ -70,7 +73,7 @@ void main()
     vec2 frameOffset = (p - 0.5 * (inSize - vec2(1.0))) / (0.5 * inSize);
     float inside = 1.0 - max(abs(frameOffset.x), abs(frameOffset.y));
     if (circular != 0)
-        inside = min(inside, 1.0 - length(offset));
+        inside = min(inside, 1.0 - length(offset) - CIRCLE_RIM / min(crop.z, crop.w));
     else
         inside = min(inside, 1.0 - max(abs(offset.x), abs(offset.y)));
     inside = min(inside, 1.0 - rs / distortion.w);

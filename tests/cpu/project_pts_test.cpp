@@ -4,6 +4,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 #include "app/RenderPlan.h"
 #include "project/PtsImport.h"
@@ -227,3 +228,64 @@ TEST(PtsImport, HugeLinesEndCleanly)
 }
 
 }  // namespace
+
+// A four-shot script of a panorama head with a circular fisheye, written the
+// way such scripts describe their images: "i" lines with the lens type, the
+// crop and links to the first image. Every image keeps its own angles, crop
+// and exposure; links copy the first image's values; the rig is no ring
+// layout. A script with "o" image lines ignores its "i" lines, and the lens
+// type numbers of "o" lines pick the ring layouts' lenses.
+TEST(PtsImport, ImageLinesWithLensTypeAndCrop)
+{
+    std::string s = "p f2 w8000 h4000 v360 E0 R0 n\"TIFF\"\n";
+    const int yaws[] = {0, 90, 180, -90};
+    for (int i = 0; i < 4; ++i)
+        s += "i w4000 h6000 f2 v" + std::string(i ? "=0" : "180") + " Ra0 Eev" + std::to_string(i) + ".5 r0 p10 y" +
+             std::to_string(yaws[i]) + " TrX0 a0 b" + (i ? "=0" : "-0.01") + " c0 d1 e-2 g0 t0 Va1 Vb-0.2 Vc0 Vd0 " +
+             "C200,3800," + std::to_string(1000 + i) + ",5000 S0,0,0,0 n\"img " + std::to_string(i + 1) + ".jpg\"\n";
+    s += "v y1 p1 r1\n";
+    const Project p = importPtsScript(writeScript("rig.pts", s));
+    ASSERT_EQ(p.images.size(), 4u);
+    EXPECT_EQ(p.layout, RigLayout::General);
+    for (int i = 0; i < 4; ++i) {
+        SCOPED_TRACE(i);
+        const ImageEntry& e = p.images[size_t(i)];
+        EXPECT_EQ(e.fileName, "img " + std::to_string(i + 1) + ".jpg");
+        EXPECT_EQ(std::make_tuple(e.width, e.height, e.projection), std::make_tuple(4000, 6000, Projection::CircularFisheye));
+        EXPECT_EQ(std::make_tuple(e.crop.left, e.crop.right, e.crop.top, e.crop.bottom),
+                  std::make_tuple(200, 3800, 1000 + i, 5000));
+        EXPECT_EQ(std::make_tuple(e.yaw, e.pitch, e.roll, e.fov, e.b, e.d, e.e),
+                  std::make_tuple(float(yaws[i]), 10.0f, 0.0f, 180.0f, -0.01f, 1.0f, -2.0f));
+        EXPECT_EQ(std::make_tuple(e.exposure, e.va, e.vb), std::make_tuple(float(i) + 0.5f, 1.0f, -0.2f));
+    }
+
+    const Project mixed = importPtsScript(writeScript("mixed.pts", s + "o f0 y0 r0 p0 v90 a0 b0 c0 d0 e0\n"));
+    ASSERT_EQ(mixed.images.size(), 1u);
+    EXPECT_EQ(mixed.images[0].projection, Projection::Rectilinear);
+    EXPECT_TRUE(mixed.images[0].crop.empty());
+    EXPECT_NE(support::errorOf([&] { importPtsScript(writeScript("bad.pts", "i w10 h10 f2 v=3 n\"a.jpg\"\n")); }), "");
+}
+
+// The layout follows the count of source images and their lenses.
+TEST(PtsImport, RigLayoutOfEntries)
+{
+    const auto project = [](int sources, Projection lens, bool orientation) {
+        Project p;
+        for (int i = 0; i < sources; ++i) {
+            p.images.emplace_back();
+            p.images.back().projection = lens;
+        }
+        if (orientation) {
+            p.images.emplace_back();
+            p.images.back().fileName = kOrientationName;
+        }
+        return rigLayoutOf(p);
+    };
+    EXPECT_EQ(project(6, Projection::CircularFisheye, true), RigLayout::FisheyeRing);
+    EXPECT_EQ(project(6, Projection::FullFrameFisheye, false), RigLayout::FisheyeRing);
+    EXPECT_EQ(project(13, Projection::Rectilinear, true), RigLayout::TwoRings);
+    EXPECT_EQ(project(6, Projection::Rectilinear, true), RigLayout::General);
+    EXPECT_EQ(project(13, Projection::CircularFisheye, false), RigLayout::General);
+    EXPECT_EQ(project(4, Projection::CircularFisheye, true), RigLayout::General);
+    EXPECT_EQ(project(8, Projection::Rectilinear, false), RigLayout::General);
+}

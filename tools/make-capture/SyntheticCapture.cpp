@@ -204,6 +204,9 @@ Project Capture::project() const
     return p;
 }
 
+void placeCameras(Capture& cap);
+Capture planRig(const CaptureOptions& o, Capture& cap);
+
 Capture planCapture(const CaptureOptions& o)
 {
     if (!(o.scale > 0 && o.scale <= 4)) throw std::runtime_error("capture scale must be in (0, 4]");
@@ -213,6 +216,8 @@ Capture planCapture(const CaptureOptions& o)
     Capture cap;
     cap.options = o;
     cap.fisheye = o.layout == CaptureLayout::Fisheye;
+    cap.general = o.layout != CaptureLayout::Fisheye && o.layout != CaptureLayout::TwoRing;
+    if (cap.general) return planRig(o, cap);
     const int count = cap.fisheye ? 6 : 13;
 
     // Full size: 4000 x 6000 portrait frames (24 megapixels), shot with roll
@@ -227,6 +232,7 @@ Capture planCapture(const CaptureOptions& o)
 
     ImageEntry& link = cap.link;
     link.fov = asRead(v);
+    link.projection = cap.fisheye ? Projection::CircularFisheye : Projection::Rectilinear;
     link.a = asRead(a);
     link.b = asRead(b);
     link.c = asRead(c);
@@ -294,7 +300,15 @@ Capture planCapture(const CaptureOptions& o)
         cap.shots.push_back(shot);
     }
 
-    const double yaw1 = cap.shots[1].entry.yaw;
+    placeCameras(cap);
+    return cap;
+}
+
+// The orientation line and where the cameras really point, for planned shots.
+void placeCameras(Capture& cap)
+{
+    const CaptureOptions& o = cap.options;
+    const double yaw1 = cap.shots[size_t(cap.referenceShot())].entry.yaw;
     double levelPitch = 0, levelRoll = 0;
     if (o.orientation) {
         cap.hasOrientation = true;
@@ -326,7 +340,82 @@ Capture planCapture(const CaptureOptions& o)
         anglesOf(m, lens.yaw, lens.pitch, lens.roll);
     }
     if (o.hdr) cap.colourMatrix = colourMatrixFor(cap.shots[0].entry.width);
+}
+
+Capture planRig(const CaptureOptions& o, Capture& cap)
+{
+    static const double kEv[] = {0.0, 0.7, -0.5, 0.4, -0.3, 0.2, -0.2, 0.5};
+    struct Shot {
+        double yaw, pitch, roll;
+    };
+    std::vector<Shot> shots;
+    Projection projection = Projection::CircularFisheye;
+    int w = 0, h = 0;
+    double v = 0, circle = 0;  // circle: diameter of a circular crop (pixels)
+    if (o.layout == CaptureLayout::RectilinearRing) {
+        projection = Projection::Rectilinear;
+        w = std::max(8, int(std::lround(4000 * o.scale)));
+        h = int(std::lround(w * 1.5));
+        v = 90;
+        for (int i = 0; i < 6; ++i)
+            shots.push_back({60.0 * i, 0, -90});
+        shots.push_back({0, 90, 0});
+        shots.push_back({0, -90, 0});
+    } else {
+        // Landscape frames; the circle of 185 (three shots: 190) degrees
+        // fills 95 % of the frame's height, so v, across the width, is larger.
+        const bool four = o.layout == CaptureLayout::CircularFour;
+        w = std::max(12, int(std::lround(6000 * o.scale)));
+        h = int(std::lround(w / 1.5));
+        circle = std::round(0.95 * h);
+        v = (four ? 185.0 : 190.0) * w / circle;
+        for (int i = 0; i < (four ? 4 : 3); ++i)
+            shots.push_back({(four ? 90.0 : 120.0) * i, four ? 10.0 : 0.0, 0});
+    }
+    std::mt19937 rng(o.seed);
+    std::uniform_real_distribution<double> jitter(-1, 1);
+    for (size_t i = 0; i < shots.size(); ++i) {
+        CaptureShot shot;
+        ImageEntry& e = shot.entry;
+        char name[32];
+        std::snprintf(name, sizeof name, "-%02zu.%s", i, o.hdr ? "hdr" : "jpg");
+        e.fileName = o.stem + name;
+        e.width = w;
+        e.height = h;
+        e.projection = projection;
+        const double j = o.jitter;
+        e.yaw = asRead(wrap180(shots[i].yaw + o.ptsYawOffset + j * jitter(rng)));
+        e.pitch = asRead(std::clamp(shots[i].pitch + j * jitter(rng), -90.0, 90.0));
+        e.roll = asRead(shots[i].roll + j * jitter(rng));
+        e.fov = asRead(v);
+        e.b = asRead(projection == Projection::Rectilinear ? -0.01 : -0.02);
+        if (circle > 0) {
+            const int left = int(std::lround((w - circle) / 2)), top = int(std::lround((h - circle) / 2));
+            e.crop = {left, left + int(circle), top, top + int(circle)};
+        }
+        e.exposure = o.exposure ? asRead(kEv[i % 8]) : 0.0f;
+        e.va = 1;
+        e.vb = o.vignetting ? asRead(-0.2) : 0.0f;
+        e.vc = o.vignetting ? asRead(-0.1) : 0.0f;
+        e.vd = o.vignetting ? asRead(0.05) : 0.0f;
+        cap.shots.push_back(shot);
+    }
+    cap.link = cap.shots[0].entry;
+    placeCameras(cap);
     return cap;
+}
+
+bool insideCrop(const ImageEntry& e, double x, double y, double margin)
+{
+    if (x < margin - 0.5 || x > e.width - 0.5 - margin || y < margin - 0.5 || y > e.height - 0.5 - margin)
+        return false;
+    if (e.crop.empty()) return true;
+    const double cx = (e.crop.left + e.crop.right) / 2.0 - 0.5, cy = (e.crop.top + e.crop.bottom) / 2.0 - 0.5;
+    const double hx = (e.crop.right - e.crop.left) / 2.0 - margin, hy = (e.crop.bottom - e.crop.top) / 2.0 - margin;
+    if (hx <= 0 || hy <= 0) return false;
+    const double dx = (x - cx) / hx, dy = (y - cy) / hy;
+    if (e.projection == Projection::CircularFisheye) return dx * dx + dy * dy <= 1;
+    return std::abs(dx) <= 1 && std::abs(dy) <= 1;
 }
 
 FloatImage renderShot(const FloatImage& pano, const Capture& cap, int index)
@@ -407,6 +496,12 @@ FloatImage renderShot(const FloatImage& pano, const Capture& cap, int index)
             }
         }
     }
+    // Outside a crop the sensor sees nothing of the scene (black, or a test
+    // colour that must not reach the panorama).
+    if (!e.crop.empty())
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                if (!insideCrop(e, x, y, 0)) std::copy(o.outsideCrop.begin(), o.outsideCrop.end(), out.pixel(x, y));
     return out;
 }
 
@@ -433,7 +528,10 @@ std::string ptsScript(const Capture& cap, const std::string& sourceName)
         s += std::string(line) + "\n";
     s += "\n# image lines\n";
     const ImageEntry& l = cap.link;
-    const char* f = cap.fisheye ? "f2" : "f0";
+    const auto lensType = [](Projection p) {
+        return p == Projection::Rectilinear ? "f0" : p == Projection::CircularFisheye ? "f2" : "f3";
+    };
+    const char* f = lensType(l.projection);
     s += "o w1 h1 y0 r0 p0 v" + num(l.fov) + " a" + num(l.a) + " b" + num(l.b) + " c" + num(l.c) + " " + f +
          " d" + num(l.d) + " e" + num(l.e) + " g0 t0 Va1 Vb0 Vc0 Vd0 Vx0 Vy0  Vm5 u10 n\"dummy.jpg\"\n";
     for (const CaptureShot& shot : cap.shots) {
@@ -443,9 +541,13 @@ std::string ptsScript(const Capture& cap, const std::string& sourceName)
         s += "#-libpano_vignettingparams Va" + num(e.va) + " Vb" + num(e.vb) + " Vc" + num(e.vc) + " Vd" +
              num(e.vd) + " Vx0 Vy0\n";
         auto linked = [&](float value, float linkValue) { return value == linkValue ? std::string("=0") : num(value); };
-        s += std::string("o ") + f + " y" + num(e.yaw) + " r" + num(e.roll) + " p" + num(e.pitch) + " v" +
+        const std::string crop = e.crop.empty() ? std::string()
+                                                 : " C" + std::to_string(e.crop.left) + "," + std::to_string(e.crop.right) +
+                                                       "," + std::to_string(e.crop.top) + "," +
+                                                       std::to_string(e.crop.bottom);
+        s += std::string("o ") + lensType(e.projection) + " y" + num(e.yaw) + " r" + num(e.roll) + " p" + num(e.pitch) + " v" +
              linked(e.fov, l.fov) + " a" + linked(e.a, l.a) + " b" + linked(e.b, l.b) + " c" + linked(e.c, l.c) +
-             " d" + linked(e.d, l.d) + " e" + linked(e.e, l.e) + " g=0 t=0\n";
+             " d" + linked(e.d, l.d) + " e" + linked(e.e, l.e) + " g=0 t=0" + crop + "\n";
     }
 
     // Control points at directions both images of a neighbouring pair see,
@@ -633,8 +735,8 @@ std::array<double, 9> truthFrame(const Capture& cap, bool useOrientation)
     double centre = 0;
     if (useOrientation && cap.hasOrientation) {
         frame = mul(mul(frame, rx(levelPitch)), rz(levelRoll));
-        // The renderer's heading, taken relative to entry 1 as it does.
-        centre = -(double(cap.orientation.yaw) - double(cap.shots[1].entry.yaw));
+        // The renderer's heading, taken relative to its reference image as it does.
+        centre = -(double(cap.orientation.yaw) - double(cap.shots[size_t(cap.referenceShot())].entry.yaw));
     }
     return mul(frame, ry(centre));
 }
@@ -675,9 +777,7 @@ FloatImage renderTruth(const FloatImage& pano, const Capture& cap, int width, bo
                 int seen = 0;
                 for (const LensProjection& p : projections) {
                     double px, py;
-                    const LensModel& l = p.lens();
-                    if (p.toPixel(dir, px, py) && px >= margin - 0.5 && px <= l.w - 0.5 - margin &&
-                        py >= margin - 0.5 && py <= l.h - 0.5 - margin)
+                    if (p.toPixel(dir, px, py) && insideCrop(cap.shots[&p - projections.data()].entry, px, py, margin))
                         ++seen;
                 }
                 (*coverage)[size_t(y) * width + x] = uint8_t(seen);

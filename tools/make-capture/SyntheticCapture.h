@@ -48,7 +48,11 @@ std::array<float, 3> samplePanorama(const FloatImage& pano, const std::array<dou
 // `level` (for 8-bit captures, where everything above 1 clips).
 double ldrGain(const FloatImage& pano, double percentile = 0.98, double level = 0.9);
 
-enum class CaptureLayout { Fisheye, TwoRing };
+// The two ring layouts, and rigs the stitcher handles by its general path:
+// four circular fisheyes 90 degrees apart tilted up 10 degrees (circle
+// cropped, black outside), three full-circle fisheyes 120 degrees apart, and
+// a ring of six rectilinear portrait frames with a zenith and a nadir shot.
+enum class CaptureLayout { Fisheye, TwoRing, CircularFour, FisheyeThree, RectilinearRing };
 
 struct CaptureOptions {
     CaptureLayout layout = CaptureLayout::Fisheye;
@@ -74,6 +78,7 @@ struct CaptureOptions {
     double sceneGain = 1;       // panorama values are multiplied by this first
     int supersample = 0;        // samples per source pixel along each axis; 0 = auto (at least 2)
     double detail = 0;          // stops of fine texture writeShot adds (0: none; seeded by seed)
+    std::array<float, 3> outsideCrop{0, 0, 0};  // linear colour of the pixels outside a crop circle
     std::string stem = "capture";
 };
 
@@ -85,6 +90,7 @@ struct CaptureShot {
 struct Capture {
     CaptureOptions options;
     bool fisheye = true;
+    bool general = false;             // a rig of the general path
     std::vector<CaptureShot> shots;   // entry 0, then the ring(s)
     bool hasOrientation = false;
     ImageEntry orientation;           // the orientation line's entry
@@ -93,6 +99,9 @@ struct Capture {
 
     // The Project the script must import as.
     Project project() const;
+    // The shot whose yaw the renderer takes as its reference: entry 1 of the
+    // ring layouts, the first image of the others.
+    int referenceShot() const { return general ? 0 : 1; }
 };
 
 // Decides sizes, angles, lens, exposure and vignetting of every shot. Every
@@ -110,6 +119,11 @@ std::array<double, 9> colourMatrixFor(int width);
 // renderer's gain restores the panorama, in camera colours for HDR.
 // Positions beyond the lens's reachable radius stay black.
 FloatImage renderShot(const FloatImage& pano, const Capture& capture, int index);
+
+// Whether source position (x, y) lies at least `margin` pixels inside the
+// image's frame and crop (the crop's inscribed ellipse for a circular fisheye,
+// its margin measured along the semi-axes).
+bool insideCrop(const ImageEntry& entry, double x, double y, double margin);
 
 std::string ptsScript(const Capture& capture, const std::string& sourceName = "");
 std::string tspDocument(const Capture& capture);

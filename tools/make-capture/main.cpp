@@ -17,7 +17,9 @@ namespace {
 
 const char* const kUsage =
     "usage: tessara-make-capture <panorama.exr> <outdir> [options]\n"
-    "  --layout fisheye|tworing   five-slot fisheye (6 images) or two rectilinear rings (13)\n"
+    "  --layout fisheye|tworing   five-slot fisheye (6 images) or two rectilinear rings (13);\n"
+    "           |circular4|fisheye3|rectring   rigs: four cropped circular fisheyes, three\n"
+    "                             full-circle fisheyes, six rectilinear frames with zenith and nadir\n"
     "  --scale s                  image size relative to 4000 x 6000 frames (default 0.25)\n"
     "  --hdr                      Radiance sources in camera colours (entry 0 %d wide)\n"
     "  --vignetting               darken by the vignetting curve the script states\n"
@@ -67,6 +69,12 @@ int run(int argc, char** argv)
                 o.layout = CaptureLayout::Fisheye;
             else if (v == "tworing")
                 o.layout = CaptureLayout::TwoRing;
+            else if (v == "circular4")
+                o.layout = CaptureLayout::CircularFour;
+            else if (v == "fisheye3")
+                o.layout = CaptureLayout::FisheyeThree;
+            else if (v == "rectring")
+                o.layout = CaptureLayout::RectilinearRing;
             else
                 throw std::runtime_error("unknown layout '" + v + "'");
         } else if (a == "--scale") {
