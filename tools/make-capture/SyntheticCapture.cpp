@@ -207,6 +207,23 @@ Project Capture::project() const
 void placeCameras(Capture& cap);
 Capture planRig(const CaptureOptions& o, Capture& cap);
 
+static std::string shotName(const CaptureOptions& o, int index)
+{
+    char name[32];
+    std::snprintf(name, sizeof name, "-%02d.%s", index, o.hdr ? "hdr" : "jpg");
+    return o.stem + name;
+}
+
+// Exposure (when asked for) and the vignetting curve (when asked for) of a shot.
+static void setPhotometry(ImageEntry& e, const CaptureOptions& o, double ev)
+{
+    e.exposure = o.exposure ? asRead(ev) : 0.0f;
+    e.va = 1;
+    e.vb = o.vignetting ? asRead(-0.2) : 0.0f;
+    e.vc = o.vignetting ? asRead(-0.1) : 0.0f;
+    e.vd = o.vignetting ? asRead(0.05) : 0.0f;
+}
+
 Capture planCapture(const CaptureOptions& o)
 {
     if (!(o.scale > 0 && o.scale <= 4)) throw std::runtime_error("capture scale must be in (0, 4]");
@@ -272,9 +289,7 @@ Capture planCapture(const CaptureOptions& o)
 
         CaptureShot shot;
         ImageEntry& e = shot.entry;
-        char name[32];
-        std::snprintf(name, sizeof name, "-%02d.%s", i, o.hdr ? "hdr" : "jpg");
-        e.fileName = o.stem + name;
+        e.fileName = shotName(o, i);
         e.width = w;
         e.height = h;
         if (i == 0 && o.hdr) {
@@ -292,11 +307,7 @@ Capture planCapture(const CaptureOptions& o)
         e.c = link.c;
         e.d = e.width == w ? link.d : asRead(d0 * e.width / 4000.0);
         e.e = e.width == w ? link.e : asRead(e0 * e.width / 4000.0);
-        e.exposure = o.exposure ? asRead(kEv[i % 7]) : 0.0f;
-        e.va = 1;
-        e.vb = o.vignetting ? asRead(-0.2) : 0.0f;
-        e.vc = o.vignetting ? asRead(-0.1) : 0.0f;
-        e.vd = o.vignetting ? asRead(0.05) : 0.0f;
+        setPhotometry(e, o, kEv[i % 7]);
         cap.shots.push_back(shot);
     }
 
@@ -377,9 +388,7 @@ Capture planRig(const CaptureOptions& o, Capture& cap)
     for (size_t i = 0; i < shots.size(); ++i) {
         CaptureShot shot;
         ImageEntry& e = shot.entry;
-        char name[32];
-        std::snprintf(name, sizeof name, "-%02zu.%s", i, o.hdr ? "hdr" : "jpg");
-        e.fileName = o.stem + name;
+        e.fileName = shotName(o, int(i));
         e.width = w;
         e.height = h;
         e.projection = projection;
@@ -393,11 +402,7 @@ Capture planRig(const CaptureOptions& o, Capture& cap)
             const int left = int(std::lround((w - circle) / 2)), top = int(std::lround((h - circle) / 2));
             e.crop = {left, left + int(circle), top, top + int(circle)};
         }
-        e.exposure = o.exposure ? asRead(kEv[i % 8]) : 0.0f;
-        e.va = 1;
-        e.vb = o.vignetting ? asRead(-0.2) : 0.0f;
-        e.vc = o.vignetting ? asRead(-0.1) : 0.0f;
-        e.vd = o.vignetting ? asRead(0.05) : 0.0f;
+        setPhotometry(e, o, kEv[i % 8]);
         cap.shots.push_back(shot);
     }
     cap.link = cap.shots[0].entry;
