@@ -29,10 +29,6 @@ constexpr size_t kMaxSources = 64;
 // small at any panorama width.
 constexpr int kMaxStripWidth = 512;
 constexpr int kByteBandRows = 512;
-// Column 0 of the panorama, before the turn to the heading, looks this many
-// degrees left of the reference image: the same frame as the fisheye ring's,
-// so that the same heading rule centres the same direction.
-const StitchLayout kHeadingFrame = stitchLayout(7);
 
 struct Source {
     size_t entry;
@@ -162,7 +158,11 @@ void stitchRig(const MutableImageView& panorama, const std::string& projectPath,
         glEnable(GL_BLEND);
         glBlendFunc(GL_ONE, GL_ONE);
         draw.use();
-        const float stripYaw = float(x0) * degPerPixel - kHeadingFrame.slotAngle;
+        // The heading (relative yaw) lies at the centre of the panorama, the
+        // border between its two middle columns, as the ring layouts turn
+        // theirs (without their turn's rounding to whole columns): column X
+        // looks along longitude (X + 0.5) * degPerPixel + 180 - heading.
+        const float stripYaw = float(x0) * degPerPixel + 180.0f - heading;
         for (const Source& source : sources) {
             const ImageEntry& entry = images[source.entry];
             const Mat3 cameraMat = cameraMatrix(entry.yaw, entry.pitch, entry.roll, correction, {stripYaw, 0.0f});
@@ -183,6 +183,5 @@ void stitchRig(const MutableImageView& panorama, const std::string& projectPath,
         normalizeExposure(panorama);
         finishStage("normalize");
     }
-    turnRowsLeft(panorama, headingShiftBytes(kHeadingFrame, heading, width, panorama.channels()));
     finishStage("orient");
 }

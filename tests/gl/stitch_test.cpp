@@ -239,11 +239,11 @@ Errors stitch(const CaptureFiles& files, int width, bool useOrientation, const S
     stitchEquirect(MutableImageView(e.pixels.data(), width, height, panoramaChannels(hdr)), files.pts, project, hdr,
                    useOrientation, tuning);
     // A general rig draws every source into every strip: whatever a source
-    // sees is drawable.
+    // sees is drawable, but for the rim of a crop circle (4 pixels).
     std::vector<uint8_t> coverage;
     const bool general = files.capture.general;
-    const FloatImage truth =
-        renderTruth(*files.pano, files.capture, width, useOrientation, general ? &coverage : nullptr, 2.0);
+    const FloatImage truth = renderTruth(*files.pano, files.capture, width, useOrientation,
+                                         general ? &coverage : nullptr, general ? 5.0 : 2.0);
     if (!general)
         coverage = drawableCoverage(files.capture, width, useOrientation, 2.0);
     e.coverage = coverage;
@@ -700,16 +700,15 @@ TEST(StitchCapture, HalfSizeDecodingKeepsQuality)
 // than the margin to the threshold. Seams: where the count of images that see
 // a pixel changes (an image's border), the error must not jump more than
 // elsewhere (gradient energy of stitch minus truth across those lines at most
-// 1.6 times that of the other covered pixels; measured 0.5 to 1.52). The
+// 1.6 times that of the other covered pixels; measured 0.7 to 1.5). The
 // circular captures' outside is painted a saturated red: none of it may reach
 // the panorama (the stitch stays within 16 levels of that of the
 // black-painted capture, what JPEG smearing leaves past the circle's rim;
-// drawing the whole frame differs by over 200). The four tilted fisheyes
-// leave the nadir to the rims of their circles, hence their lower PSNR.
+// drawing the whole frame differs by over 200).
 TEST(StitchRig, CapturesMatchTheirTruth)
 {
     const struct { const char* name; CaptureLayout layout; bool steps, orientation; double minPsnr; } cases[] = {
-        {"circular4", CaptureLayout::CircularFour, true, false, 29},
+        {"circular4", CaptureLayout::CircularFour, true, false, 36},
         {"fisheye3", CaptureLayout::FisheyeThree, false, true, 36},
         {"rectring", CaptureLayout::RectilinearRing, true, true, 36}};
     for (const auto& c : cases) {
@@ -742,7 +741,7 @@ TEST(StitchRig, CapturesMatchTheirTruth)
         std::printf("%s: PSNR %.2f dB, filled %.4f, seam energy ratio %.2f over %d pixels\n", c.name, e.psnr, e.filled,
                     ratio, borders);
         EXPECT_GE(e.psnr, c.minPsnr);
-        EXPECT_GE(e.filled, 0.99);
+        EXPECT_GE(e.filled, 0.995);
         EXPECT_GT(borders, 1000);
         EXPECT_LE(ratio, 1.6);
 
