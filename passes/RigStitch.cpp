@@ -62,8 +62,9 @@ void checkProject(const std::vector<ImageEntry>& images, const MutableImageView&
 
 // The lens uniforms of one source for its loaded texture, which may be
 // smaller than the image the script describes (d, e and the crop scale with
-// it; everything else is relative to the texture's size).
-void setLensUniforms(const Shader& program, const ImageEntry& entry, const Texture& texture)
+// it; everything else is relative to the texture's size). With
+// `photometric`, exposure and vignetting too (programs that draw colour).
+void setLensUniforms(const Shader& program, const ImageEntry& entry, const Texture& texture, bool photometric)
 {
     const double scale = double(texture.width()) / entry.width;
     LensModel model = lensModelOf(entry);
@@ -92,47 +93,138 @@ void setLensUniforms(const Shader& program, const ImageEntry& entry, const Textu
                        float(scale * (crop.bottom - crop.top) / 2.0));
     program.setUniform("circular", entry.projection == Projection::CircularFisheye && !entry.crop.empty() ? 1 : 0);
     program.setUniform("fisheye", isFisheye(entry.projection) ? 1 : 0);
+    if (!photometric)
+        return;
     program.setUniform("exposureGain", float(std::exp2(double(entry.exposure))));
     program.setUniform("vign", entry.vb, entry.vc, entry.vd);
 }
 
-}  // namespace
-
-void stitchRig(const MutableImageView& panorama, const std::string& projectPath, Project& project, bool hdr,
-               bool useOrientation)
+// A float render target sampled with the bilinear filter, clamped at its edges.
+RenderTarget filteredTarget(int width, int height, GLenum format)
 {
-    std::vector<ImageEntry>& images = project.images;
-    checkProject(images, panorama, hdr);
-    const int width = panorama.width(), height = panorama.height();
+    RenderTarget target(width, height, format);
+    glBindTexture(Texture::target(), target.texture.piece(0));
+    glTexParameteri(Texture::target(), GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    glTexParameteri(Texture::target(), GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    glTexParameteri(Texture::target(), GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glTexParameteri(Texture::target(), GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    GL_CHECK();
+    return target;
+}
+
+int roundUp(int value, int step) { return (value + step - 1) / step * step; }
+
+class RigStitcher {
+public:
+    RigStitcher(const MutableImageView& panorama, const std::string& projectPath, Project& project, bool hdr,
+                bool useOrientation, const StitchTuning& tuning)
+        : panorama_(panorama), projectPath_(projectPath), images_(project.images), hdr_(hdr),
+          useOrientation_(useOrientation), tuning_(tuning)
+    {
+    }
+    void run();
+
+private:
+    void loadSources();
+    // One draw of every source into the bound target, `width` x `height`
+    // pixels from panorama column x0 on.
+    void drawSources(const Shader& program, int x0, int width, int height, bool photometric);
+    void drawSource(const Shader& program, const Source& source, int x0, int width, int height, bool photometric);
+    void weightedStrip(int x0);
+    void multiBandStrip(int x0);
+
+    MutableImageView panorama_;
+    std::string projectPath_;
+    std::vector<ImageEntry>& images_;
+    bool hdr_, useOrientation_;
+    StitchTuning tuning_;
+    int width_ = 0, height_ = 0, stripWidth_ = 0;
+    float degPerPixel_ = 0, heading_ = 0;
+    std::pair<float, float> correction_{0.0f, 0.0f};
+    std::vector<Source> sources_;
+    const Shader* pack_ = nullptr;
+    RenderTarget strip_, byteBand_;
+
+    // Multi-band: `levels_` halvings of a strip widened by margin_ columns
+    // either side, padded to whole levels.
+    int levels_ = 0, margin_ = 0, paddedWidth_ = 0, paddedHeight_ = 0;
+    RenderTarget highest_;
+    std::vector<RenderTarget> layer_, mask_, sums_, result_;
+};
+
+void RigStitcher::run()
+{
+    checkProject(images_, panorama_, hdr_);
+    width_ = panorama_.width();
+    height_ = panorama_.height();
 
     // Angles relative to the first source image.
-    const auto first = std::find_if(images.begin(), images.end(), [](const ImageEntry& e) { return !isOrientation(e); });
+    const auto first = std::find_if(images_.begin(), images_.end(), [](const ImageEntry& e) { return !isOrientation(e); });
     const float reference = first->yaw;
-    for (ImageEntry& entry : images)
+    for (ImageEntry& entry : images_)
         entry.yaw -= reference;
-    float heading = 0;
-    std::pair<float, float> correction{0.0f, 0.0f};
-    if (isOrientation(images.back()) && useOrientation) {
-        heading = images.back().yaw;
-        correction = {images.back().pitch, images.back().roll};
+    if (isOrientation(images_.back()) && useOrientation_) {
+        heading_ = images_.back().yaw;
+        correction_ = {images_.back().pitch, images_.back().roll};
     }
 
-    const std::string ldr = hdr ? "" : "#define LDR\n";
-    const Shader& draw = sharedShader("rig", ldr);
-    const Shader& pack = sharedShader("rgb2rgbe", ldr + "#define WEIGHTED\n");
-    draw.use();
-    if (hdr) {
-        // A camera the colour table does not know keeps its colours.
-        const ColourMatrix* known = cameraColourMatrix(first->width);
-        const ColourMatrix identity{1, 0, 0, 0, 1, 0, 0, 0, 1};
-        draw.setMatrix3("colorMat", (known ? *known : identity).data());
+    const std::string ldr = hdr_ ? "" : "#define LDR\n";
+    pack_ = &sharedShader("rgb2rgbe", ldr + "#define WEIGHTED\n");
+    for (const char* variant : {"", "#define LAYER\n"}) {
+        const Shader& draw = sharedShader("rig", ldr + variant);
+        draw.use();
+        if (hdr_) {
+            // A camera the colour table does not know keeps its colours.
+            const ColourMatrix* known = cameraColourMatrix(first->width);
+            const ColourMatrix identity{1, 0, 0, 0, 1, 0, 0, 0, 1};
+            draw.setMatrix3("colorMat", (known ? *known : identity).data());
+        }
+    }
+    loadSources();
+
+    stripWidth_ = stripWidthFor(width_);
+    degPerPixel_ = 360.0f / float(width_);
+    strip_ = RenderTarget(stripWidth_, height_, GL_RGBA32F);
+    if (!hdr_) byteBand_ = RenderTarget(stripWidth_, std::min(height_, kByteBandRows), GL_RGBA8);
+    if (tuning_.multiBand) {
+        // Bands down to about a 128th of the width: the lowest blends over
+        // some 2^levels columns either side of a seam, which the margin holds.
+        levels_ = std::clamp(int(std::floor(std::log2(width_ / 128.0))), 3, 7);
+        margin_ = 2 << levels_;
+        const int step = 1 << levels_;
+        paddedWidth_ = roundUp(stripWidth_ + 2 * margin_, step);
+        paddedHeight_ = roundUp(height_, step);
+        highest_ = filteredTarget(paddedWidth_, paddedHeight_, GL_R32F);
+        for (int k = 0; k <= levels_; ++k) {
+            const int w = paddedWidth_ >> k, h = paddedHeight_ >> k;
+            layer_.push_back(filteredTarget(w, h, GL_RGBA32F));
+            mask_.push_back(filteredTarget(w, h, GL_R32F));
+            sums_.push_back(filteredTarget(w, h, GL_RGBA32F));
+            result_.push_back(k == 0 ? RenderTarget() : filteredTarget(w, h, GL_RGBA32F));
+        }
     }
 
-    const std::filesystem::path directory = std::filesystem::path(projectPath).parent_path();
-    std::vector<Source> sources;
-    for (size_t i = 0; i < images.size(); ++i) {
-        if (isOrientation(images[i])) continue;
-        Texture texture = loadImage((directory / images[i].fileName).string());
+    glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
+    for (int x0 = 0; x0 < width_; x0 += stripWidth_) {
+        if (tuning_.multiBand)
+            multiBandStrip(x0);
+        else
+            weightedStrip(x0);
+        readBackStripInto(panorama_, x0, strip_.texture, *pack_, hdr_ ? nullptr : &byteBand_);
+    }
+
+    if (hdr_) {
+        normalizeExposure(panorama_);
+        finishStage("normalize");
+    }
+}
+
+void RigStitcher::loadSources()
+{
+    const std::filesystem::path directory = std::filesystem::path(projectPath_).parent_path();
+    for (size_t i = 0; i < images_.size(); ++i) {
+        if (isOrientation(images_[i])) continue;
+        Texture texture = loadImage((directory / images_[i].fileName).string());
         if (!texture.isRGBE()) {
             glBindTexture(Texture::target(), texture.piece(0));
             glTexParameteri(Texture::target(), GL_TEXTURE_MIN_FILTER, GL_LINEAR);
@@ -140,48 +232,143 @@ void stitchRig(const MutableImageView& panorama, const std::string& projectPath,
         }
         GL_CHECK();
         finishStage("load (temp)");
-        sources.push_back({i, std::move(texture)});
+        sources_.push_back({i, std::move(texture)});
     }
+}
 
-    const int stripWidth = stripWidthFor(width);
-    const float degPerPixel = 360.0f / float(width);
-    const RenderTarget strip(stripWidth, height, GL_RGBA32F);
-    RenderTarget byteBand;
-    if (!hdr) byteBand = RenderTarget(stripWidth, std::min(height, kByteBandRows), GL_RGBA8);
-    draw.setUniform("degPerPixel", degPerPixel);
+void RigStitcher::drawSources(const Shader& program, int x0, int width, int height, bool photometric)
+{
+    for (const Source& source : sources_)
+        drawSource(program, source, x0, width, height, photometric);
+}
 
-    for (int x0 = 0; x0 < width; x0 += stripWidth) {
-        strip.framebuffer.bind();
-        glViewport(0, 0, stripWidth, height);
-        glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
-        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+void RigStitcher::drawSource(const Shader& program, const Source& source, int x0, int width, int height,
+                             bool photometric)
+{
+    program.use();
+    program.setUniform("degPerPixel", degPerPixel_);
+    // The heading (relative yaw) lies at the centre of the panorama, the
+    // border between its two middle columns, as the ring layouts turn theirs
+    // (without their turn's rounding to whole columns): column X looks along
+    // longitude (X + 0.5) * degPerPixel + 180 - heading.
+    const float stripYaw = float(x0) * degPerPixel_ + 180.0f - heading_;
+    const ImageEntry& entry = images_[source.entry];
+    const Mat3 cameraMat = cameraMatrix(entry.yaw, entry.pitch, entry.roll, correction_, {stripYaw, 0.0f});
+    program.setMatrix3("cameraMat", cameraMat.data());
+    setLensUniforms(program, entry, source.texture, photometric);
+    source.texture.bind(GL_TEXTURE0);
+    fullScreenPass(width, height);
+}
+
+// The weighted mean of every source: (colour * w, w) summed by additive
+// blending, divided out by the packing.
+void RigStitcher::weightedStrip(int x0)
+{
+    strip_.framebuffer.bind();
+    glViewport(0, 0, stripWidth_, height_);
+    glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+    glEnable(GL_BLEND);
+    glBlendFunc(GL_ONE, GL_ONE);
+    drawSources(sharedShader("rig", hdr_ ? "" : "#define LDR\n"), x0, stripWidth_, height_, true);
+    glDisable(GL_BLEND);
+    glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
+    GL_CHECK();
+    finishStage("render");
+}
+
+// Binds `target`, clears it and makes it the viewport.
+void bindCleared(const RenderTarget& target)
+{
+    target.framebuffer.bind();
+    glViewport(0, 0, target.width(), target.height());
+    glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+}
+
+// Levels 1 .. n of a pyramid from its level 0.
+void reducePyramid(const Shader& reduce, const std::vector<RenderTarget>& pyramid)
+{
+    reduce.use();
+    for (size_t k = 1; k < pyramid.size(); ++k) {
+        pyramid[k - 1].texture.bind(GL_TEXTURE0);
+        pyramid[k].framebuffer.bind();
+        fullScreenPass(pyramid[k].width(), pyramid[k].height());
+    }
+}
+
+// Multi-band blend (Burt and Adelson): each source's Laplacian pyramid,
+// weighted by the Gaussian pyramid of its seam mask (1 where its weight is the
+// highest), summed per band over the sources and collapsed. Low frequencies
+// cross a seam over some 2^levels pixels, fine detail over one or two.
+void RigStitcher::multiBandStrip(int x0)
+{
+    const std::string ldr = hdr_ ? "" : "#define LDR\n";
+    const Shader& maxWeight = sharedShader("rig", "#define MAX_WEIGHT\n");
+    const Shader& seamMask = sharedShader("rig", "#define SEAM_MASK\n");
+    const Shader& layer = sharedShader("rig", ldr + "#define LAYER\n");
+    const Shader& reduce = sharedShader("blend", "#define REDUCE\n");
+    const Shader& band = sharedShader("blend", "#define BAND\n");
+    const Shader& coarsestBand = sharedShader("blend", "#define BAND\n#define COARSEST\n");
+    const Shader& collapse = sharedShader("blend", "#define COLLAPSE\n");
+    const Shader& coarsestCollapse = sharedShader("blend", "#define COLLAPSE\n#define COARSEST\n");
+    const int left = x0 - margin_;
+
+    // The highest weight of every pixel.
+    bindCleared(highest_);
+    glEnable(GL_BLEND);
+    glBlendEquation(GL_MAX);
+    drawSources(maxWeight, left, paddedWidth_, paddedHeight_, false);
+    glBlendEquation(GL_FUNC_ADD);
+    glDisable(GL_BLEND);
+    for (const RenderTarget& sum : sums_)
+        bindCleared(sum);
+
+    for (const Source& source : sources_) {
+        bindCleared(layer_[0]);
+        drawSource(layer, source, left, paddedWidth_, paddedHeight_, true);
+        bindCleared(mask_[0]);
+        seamMask.use();
+        highest_.texture.bind(GL_TEXTURE1);
+        drawSource(seamMask, source, left, paddedWidth_, paddedHeight_, false);
+        reducePyramid(reduce, layer_);
+        reducePyramid(reduce, mask_);
+
         glEnable(GL_BLEND);
         glBlendFunc(GL_ONE, GL_ONE);
-        draw.use();
-        // The heading (relative yaw) lies at the centre of the panorama, the
-        // border between its two middle columns, as the ring layouts turn
-        // theirs (without their turn's rounding to whole columns): column X
-        // looks along longitude (X + 0.5) * degPerPixel + 180 - heading.
-        const float stripYaw = float(x0) * degPerPixel + 180.0f - heading;
-        for (const Source& source : sources) {
-            const ImageEntry& entry = images[source.entry];
-            const Mat3 cameraMat = cameraMatrix(entry.yaw, entry.pitch, entry.roll, correction, {stripYaw, 0.0f});
-            draw.setMatrix3("cameraMat", cameraMat.data());
-            setLensUniforms(draw, entry, source.texture);
-            source.texture.bind(GL_TEXTURE0);
-            strip.framebuffer.bind();
-            fullScreenPass(stripWidth, height);
+        for (int k = 0; k <= levels_; ++k) {
+            const Shader& program = k == levels_ ? coarsestBand : band;
+            program.use();
+            layer_[size_t(k)].texture.bind(GL_TEXTURE0);
+            if (k < levels_) layer_[size_t(k) + 1].texture.bind(GL_TEXTURE1);
+            mask_[size_t(k)].texture.bind(GL_TEXTURE2);
+            sums_[size_t(k)].framebuffer.bind();
+            fullScreenPass(sums_[size_t(k)].width(), sums_[size_t(k)].height());
         }
         glDisable(GL_BLEND);
         glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
-        GL_CHECK();
-        finishStage("render");
-        readBackStripInto(panorama, x0, strip.texture, pack, hdr ? nullptr : &byteBand);
     }
+    GL_CHECK();
+    finishStage("render");
 
-    if (hdr) {
-        normalizeExposure(panorama);
-        finishStage("normalize");
+    // Collapse from the coarsest level; level 0 straight into the strip,
+    // without the margins.
+    for (int k = levels_; k >= 0; --k) {
+        const Shader& program = k == levels_ ? coarsestCollapse : collapse;
+        program.use();
+        program.setUniform("offset", k == 0 ? float(margin_) : 0.0f, 0.0f);
+        sums_[size_t(k)].texture.bind(GL_TEXTURE0);
+        if (k < levels_) result_[size_t(k) + 1].texture.bind(GL_TEXTURE1);
+        const RenderTarget& target = k == 0 ? strip_ : result_[size_t(k)];
+        target.framebuffer.bind();
+        fullScreenPass(k == 0 ? stripWidth_ : target.width(), k == 0 ? height_ : target.height());
     }
-    finishStage("orient");
+    GL_CHECK();
+    finishStage("blend");
+}
+
+}  // namespace
+
+void stitchRig(const MutableImageView& panorama, const std::string& projectPath, Project& project, bool hdr,
+               bool useOrientation, const StitchTuning& tuning)
+{
+    RigStitcher(panorama, projectPath, project, hdr, useOrientation, tuning).run();
 }

@@ -656,7 +656,7 @@ void stitchEquirect(const MutableImageView& panorama, const std::string& project
 {
     ReuseFreedMemory reuse;
     if (project.layout == RigLayout::General) {
-        stitchRig(panorama, projectPath, project, hdr, useOrientation);
+        stitchRig(panorama, projectPath, project, hdr, useOrientation, tuning);
         return;
     }
     EquirectStitcher(panorama, projectPath, project, hdr, useOrientation, tuning).run();

@@ -29,6 +29,9 @@ struct StitchTuning {
     // In an LDR job, 8-bit sources are sharpened on the CPU while the last
     // one is drawn; else by the GPU pass (the same bytes on llvmpipe).
     bool cpuSharpening = true;
+    // Projects of the general layout: multi-band blending of the sources,
+    // else their plain weighted mean.
+    bool multiBand = true;
 };
 void stitchEquirect(const MutableImageView& panorama, const std::string& projectPath, Project& project, bool hdr,
                     bool useOrientation, const StitchTuning& tuning = {});

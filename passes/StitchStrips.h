@@ -8,6 +8,7 @@
 #include "libglutil/Framebuffer.h"
 #include "libglutil/Shader.h"
 #include "libglutil/Texture.h"
+#include "passes/Stitch.h"
 #include "project/Project.h"
 
 // Packs the float strip through `pack` (the "rgb2rgbe" program of the job's
@@ -22,6 +23,7 @@ void turnRowsLeft(const MutableImageView& panorama, size_t shift);
 
 // The general path of stitchEquirect (same arguments and results): every
 // source drawn, by its own angles, lens and crop, into every strip it
-// reaches, blended by weights that fall to zero toward its border.
+// reaches, blended by weights that fall to zero toward its border, or with
+// tuning.multiBand band by band along seams between the sources.
 void stitchRig(const MutableImageView& panorama, const std::string& projectPath, Project& project, bool hdr,
-               bool useOrientation);
+               bool useOrientation, const StitchTuning& tuning);

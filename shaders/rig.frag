@@ -27,6 +27,13 @@
 // diagonal) and multiplied by 2^exposure, in linear light: 8-bit sources are
 // decoded from sRGB first (the packing encodes again); HDR sources are taken
 // through colorMat.
+//
+// Variants for the multi-band blend ("blend"): MAX_WEIGHT writes the weight
+// alone (blended with GL_MAX over every source: the highest weight of each
+// pixel), SEAM_MASK 1 where this source's weight is that highest weight
+// (unit 1) and 0 elsewhere, LAYER the source's colour with alpha 1 wherever it
+// has weight. Rows past the bottom of the panorama (strips padded to whole
+// pyramid levels) have no direction and get nothing.
 
 uniform mat3 cameraMat;
 uniform float degPerPixel;
@@ -50,6 +57,8 @@ const float CIRCLE_RIM = 4.0;
 
 void main()
 {
+    if (_gl_TexCoord.y * degPerPixel > 180.0)
+        discard;
     float lon = _gl_TexCoord.x * degPerPixel * DEG_TO_RAD;
     float lat = (90.0 - _gl_TexCoord.y * degPerPixel) * DEG_TO_RAD;
     vec3 dir = vec3(cos(lat) * sin(lon), sin(lat), cos(lat) * cos(lon));
@@ -80,6 +89,12 @@ void main()
     if (inside <= 0.0)
         discard;
     float weight = smoothstep(0.0, 1.0, min(inside, 1.0));
+#if defined(MAX_WEIGHT)
+    fragColor = vec4(weight);
+#elif defined(SEAM_MASK)
+    float highest = _texel(texUnit1, ivec2(_gl_TexCoord), 0, vec2(texSize1)).r;
+    fragColor = vec4(weight >= highest ? 1.0 : 0.0);
+#else
 
     vec2 fromCentre = p - 0.5 * (inSize - vec2(1.0));
     float r2 = dot(fromCentre, fromCentre) / (0.25 * dot(inSize, inSize));
@@ -91,5 +106,10 @@ void main()
     vec3 colour = colorMat * texel.rgb;
 #endif
     colour *= exposureGain / vignette;
+#if defined(LAYER)
+    fragColor = vec4(colour, 1.0);
+#else
     fragColor = vec4(colour * weight, weight);
+#endif
+#endif
 }

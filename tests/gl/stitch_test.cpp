@@ -695,7 +695,8 @@ TEST(StitchCapture, HalfSizeDecodingKeepsQuality)
 // Rigs of the general path, stitched at 720 columns against their truth:
 // four cropped circular fisheyes tilted up, three full-circle fisheyes, and
 // six rectilinear frames with a zenith and a nadir shot, with exposure steps
-// and vignetting (and a levelled, turned capture). A heading off by a
+// and vignetting (and a levelled, turned capture); multi-band blended, and
+// once as the plain weighted mean (39 to 42 dB measured). A heading off by a
 // degree, a mirrored image or an uncorrected exposure step costs far more
 // than the margin to the threshold. Seams: where the count of images that see
 // a pixel changes (an image's border), the error must not jump more than
@@ -707,10 +708,11 @@ TEST(StitchCapture, HalfSizeDecodingKeepsQuality)
 // drawing the whole frame differs by over 200).
 TEST(StitchRig, CapturesMatchTheirTruth)
 {
-    const struct { const char* name; CaptureLayout layout; bool steps, orientation; double minPsnr; } cases[] = {
-        {"circular4", CaptureLayout::CircularFour, true, false, 36},
-        {"fisheye3", CaptureLayout::FisheyeThree, false, true, 36},
-        {"rectring", CaptureLayout::RectilinearRing, true, true, 36}};
+    const struct { const char* name; CaptureLayout layout; bool steps, orientation, multiBand; } cases[] = {
+        {"circular4", CaptureLayout::CircularFour, true, false, true},
+        {"fisheye3", CaptureLayout::FisheyeThree, false, true, true},
+        {"rectring", CaptureLayout::RectilinearRing, true, true, true},
+        {"rectring_mean", CaptureLayout::RectilinearRing, true, false, false}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         CaptureOptions o;
@@ -722,7 +724,9 @@ TEST(StitchRig, CapturesMatchTheirTruth)
         o.heading = 30, o.levelPitch = 3, o.levelRoll = -2;
         const auto files = photograph(scene("courtyard.exr"), o);
         const int width = 720, n = width * width / 2;
-        const Errors e = stitch(*files, width, true);
+        StitchTuning tuning;
+        tuning.multiBand = c.multiBand;
+        const Errors e = stitch(*files, width, true, tuning);
         double border = 0, inside = 0;
         int borders = 0, insides = 0;
         for (int i = 0; i < n; ++i) {
@@ -740,7 +744,7 @@ TEST(StitchRig, CapturesMatchTheirTruth)
         const double ratio = (border / borders) / (inside / insides);
         std::printf("%s: PSNR %.2f dB, filled %.4f, seam energy ratio %.2f over %d pixels\n", c.name, e.psnr, e.filled,
                     ratio, borders);
-        EXPECT_GE(e.psnr, c.minPsnr);
+        EXPECT_GE(e.psnr, 36.0);
         EXPECT_GE(e.filled, 0.995);
         EXPECT_GT(borders, 1000);
         EXPECT_LE(ratio, 1.6);
