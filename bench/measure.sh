@@ -30,15 +30,5 @@ measure() {
 
 # Table of the stage lines in a renderer log: "<prefix> <stage>: <seconds>s".
 stage_table() {
-    awk '
-        match($0, /: [0-9]+\.[0-9]+s$/) {
-            label = substr($0, 1, RSTART - 1); secs = substr($0, RSTART + 2, RLENGTH - 3)
-            gsub(/^ +| +$/, "", label); gsub(/  +/, " ", label)
-            if (!(label in total)) order[n++] = label
-            total[label] += secs; count[label]++
-        }
-        END {
-            printf "  %-32s %6s %9s\n", "stage", "count", "seconds"
-            for (i = 0; i < n; i++) { l = order[i]; printf "  %-32s %6d %9.3f\n", l, count[l], total[l] }
-        }' "$1"
+    awk -f "$(dirname "${BASH_SOURCE[0]}")/stage-table.awk" "$1"
 }

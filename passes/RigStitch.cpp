@@ -143,6 +143,10 @@ private:
     std::pair<float, float> correction_{0.0f, 0.0f};
     std::vector<Source> sources_;
     const Shader* pack_ = nullptr;
+    struct {
+        const Shader *draw, *layer, *maxWeight, *seamMask, *reduce, *band, *coarsestBand, *collapse,
+            *coarsestCollapse;
+    } programs_{};
     RenderTarget strip_, byteBand_;
 
     // Multi-band: `levels_` halvings of a strip widened by margin_ columns
@@ -168,16 +172,26 @@ void RigStitcher::run()
         correction_ = {images_.back().pitch, images_.back().roll};
     }
 
+    // Every program fetched once: fetching a shared program again resets
+    // its uniforms.
     const std::string ldr = hdr_ ? "" : "#define LDR\n";
     pack_ = &sharedShader("rgb2rgbe", ldr + "#define WEIGHTED\n");
-    for (const char* variant : {"", "#define LAYER\n"}) {
-        const Shader& draw = sharedShader("rig", ldr + variant);
-        draw.use();
+    programs_.draw = &sharedShader("rig", ldr);
+    programs_.layer = &sharedShader("rig", ldr + "#define LAYER\n");
+    programs_.maxWeight = &sharedShader("rig", "#define MAX_WEIGHT\n");
+    programs_.seamMask = &sharedShader("rig", "#define SEAM_MASK\n");
+    programs_.reduce = &sharedShader("blend", "#define REDUCE\n");
+    programs_.band = &sharedShader("blend", "#define BAND\n");
+    programs_.coarsestBand = &sharedShader("blend", "#define BAND\n#define COARSEST\n");
+    programs_.collapse = &sharedShader("blend", "#define COLLAPSE\n");
+    programs_.coarsestCollapse = &sharedShader("blend", "#define COLLAPSE\n#define COARSEST\n");
+    for (const Shader* draw : {programs_.draw, programs_.layer}) {
+        draw->use();
         if (hdr_) {
             // A camera the colour table does not know keeps its colours.
             const ColourMatrix* known = cameraColourMatrix(first->width);
             const ColourMatrix identity{1, 0, 0, 0, 1, 0, 0, 0, 1};
-            draw.setMatrix3("colorMat", (known ? *known : identity).data());
+            draw->setMatrix3("colorMat", (known ? *known : identity).data());
         }
     }
     loadSources();
@@ -269,7 +283,7 @@ void RigStitcher::weightedStrip(int x0)
     glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
     glEnable(GL_BLEND);
     glBlendFunc(GL_ONE, GL_ONE);
-    drawSources(sharedShader("rig", hdr_ ? "" : "#define LDR\n"), x0, stripWidth_, height_, true);
+    drawSources(*programs_.draw, x0, stripWidth_, height_, true);
     glDisable(GL_BLEND);
     glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
     GL_CHECK();
@@ -301,15 +315,9 @@ void reducePyramid(const Shader& reduce, const std::vector<RenderTarget>& pyrami
 // cross a seam over some 2^levels pixels, fine detail over one or two.
 void RigStitcher::multiBandStrip(int x0)
 {
-    const std::string ldr = hdr_ ? "" : "#define LDR\n";
-    const Shader& maxWeight = sharedShader("rig", "#define MAX_WEIGHT\n");
-    const Shader& seamMask = sharedShader("rig", "#define SEAM_MASK\n");
-    const Shader& layer = sharedShader("rig", ldr + "#define LAYER\n");
-    const Shader& reduce = sharedShader("blend", "#define REDUCE\n");
-    const Shader& band = sharedShader("blend", "#define BAND\n");
-    const Shader& coarsestBand = sharedShader("blend", "#define BAND\n#define COARSEST\n");
-    const Shader& collapse = sharedShader("blend", "#define COLLAPSE\n");
-    const Shader& coarsestCollapse = sharedShader("blend", "#define COLLAPSE\n#define COARSEST\n");
+    const Shader &maxWeight = *programs_.maxWeight, &seamMask = *programs_.seamMask, &layer = *programs_.layer;
+    const Shader &reduce = *programs_.reduce, &band = *programs_.band, &coarsestBand = *programs_.coarsestBand;
+    const Shader &collapse = *programs_.collapse, &coarsestCollapse = *programs_.coarsestCollapse;
     const int left = x0 - margin_;
 
     // The highest weight of every pixel.

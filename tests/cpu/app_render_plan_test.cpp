@@ -6,10 +6,12 @@
 #include <cmath>
 #include <sstream>
 #include <stdexcept>
+#include <tuple>
 #include <vector>
 
 #include "image/PathUtil.h"
 #include "app/RenderPlan.h"
+#include "project/LensModel.h"
 #include "support/Support.h"
 
 namespace {
@@ -145,6 +147,31 @@ TEST(RenderPlan, Widths)
     for (const auto& s : {std::array<int, 3>{8000, 4000, 1}, {20, 10, 1}, {8001, 4000, 0}, {8010, 4005, 0}, {4000, 4000, 0},
                           {0, 0, 0}})
         EXPECT_EQ(isRenderedEquirectSize(s[0], s[1]), s[2] != 0) << s[0] << "x" << s[1];
+}
+
+// Any other rig: the panorama's pixels per degree within one width step of
+// the sharpest source's at its centre (one of two 4000-wide frames at
+// 24 px/degree; fisheye and rectilinear lenses alike), the width a multiple
+// of the step; the plan takes the layout and its width.
+TEST(RenderPlan, RigWidthFollowsTheSharpestSource)
+{
+    for (const Projection lens : {Projection::CircularFisheye, Projection::Rectilinear}) {
+        Project p = projectOf(2, false, ".jpg", 4000, 3000);
+        p.images[0].fov = 200, p.images[1].fov = 100;
+        for (ImageEntry& e : p.images)
+            e.projection = lens;
+        const double focal = lens == Projection::Rectilinear ? 2000 / std::tan(toRadians(50)) : 4000 / toRadians(100);
+        const int32_t width = rigEquirectWidth(p, 5);
+        EXPECT_EQ(width % 20, 0);
+        EXPECT_NEAR(width / 360.0, toRadians(focal), 20 / 360.0) << width;
+
+        p.layout = rigLayoutOf(p);
+        RenderPlan plan = planInput(JobOptions{});
+        std::ostringstream log;
+        planProject(plan, p, log);
+        EXPECT_EQ(std::make_tuple(plan.layout, plan.width, plan.height),
+                  std::make_tuple(RigLayout::General, width, width / 2));
+    }
 }
 
 TEST(RenderPlan, ReversePixelsTurnsByHalfATurn)

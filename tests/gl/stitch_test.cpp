@@ -760,3 +760,23 @@ TEST(StitchRig, CapturesMatchTheirTruth)
         EXPECT_LE(worst, 16);
     }
 }
+
+// Radiance sources of a camera the colour table does not know, in a general
+// rig: stitched in their own colours (not black), exposure steps and
+// vignetting corrected: 4.7 % mean relative error measured (the weighted mean
+// 4.5 %; most of it where the small 190-degree circles see the poles with
+// their rims), 6 % required; a wrong exposure step or vignetting costs more.
+TEST(StitchRig, HdrOfAnUnknownCamera)
+{
+    CaptureOptions o;
+    o.stem = "rig_hdr";
+    o.layout = CaptureLayout::FisheyeThree;
+    o.scale = 0.1;
+    o.hdr = o.exposure = o.vignetting = true;
+    const auto files = photograph(scene("courtyard.exr"), o);
+    ASSERT_EQ(cameraColourMatrix(files->capture.shots[0].entry.width), nullptr);
+    const Errors e = stitch(*files, 720, false);
+    std::printf("HDR rig: mean relative error %.4f, p99 %.4f, filled %.4f\n", e.meanRelative, e.p99Relative, e.filled);
+    EXPECT_LE(e.meanRelative, 0.06);
+    EXPECT_GE(e.filled, 0.995);
+}

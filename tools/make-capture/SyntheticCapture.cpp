@@ -351,6 +351,10 @@ void placeCameras(Capture& cap)
         anglesOf(m, lens.yaw, lens.pitch, lens.roll);
     }
     if (o.hdr) cap.colourMatrix = colourMatrixFor(cap.shots[0].entry.width);
+    // The renderer keeps the colours of a camera of a general rig that its
+    // table does not know.
+    if (o.hdr && cap.general && cap.colourMatrix == std::array<double, 9>{})
+        cap.colourMatrix = {1, 0, 0, 0, 1, 0, 0, 0, 1};
 }
 
 Capture planRig(const CaptureOptions& o, Capture& cap)
