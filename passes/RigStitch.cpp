@@ -18,6 +18,7 @@
 #include "libglutil/Stage.h"
 #include "libglutil/Texture.h"
 #include "passes/Stitch.h"
+#include "passes/StitchReach.h"
 #include "passes/StitchStrips.h"
 #include "project/CameraMatrix.h"
 #include "project/LensModel.h"
@@ -64,7 +65,7 @@ void checkProject(const std::vector<ImageEntry>& images, const MutableImageView&
 // smaller than the image the script describes (d, e and the crop scale with
 // it; everything else is relative to the texture's size). With
 // `photometric`, exposure and vignetting too (programs that draw colour).
-void setLensUniforms(const Shader& program, const ImageEntry& entry, const Texture& texture, bool photometric)
+LensModel loadedLens(const ImageEntry& entry, const Texture& texture)
 {
     const double scale = double(texture.width()) / entry.width;
     LensModel model = lensModelOf(entry);
@@ -72,6 +73,13 @@ void setLensUniforms(const Shader& program, const ImageEntry& entry, const Textu
     model.h = texture.height();
     model.d *= scale;
     model.e *= scale;
+    return model;
+}
+
+void setLensUniforms(const Shader& program, const ImageEntry& entry, const Texture& texture, bool photometric)
+{
+    const double scale = double(texture.width()) / entry.width;
+    const LensModel model = loadedLens(entry, texture);
     const LensProjection lens(model);
     const double rhoMax = std::min(lens.maxRho(), 1e30);
     const double k = 1 - model.a - model.b - model.c;
@@ -129,7 +137,8 @@ private:
     // One draw of every source into the bound target, `width` x `height`
     // pixels from panorama column x0 on.
     void drawSources(const Shader& program, int x0, int width, int height, bool photometric);
-    void drawSource(const Shader& program, const Source& source, int x0, int width, int height, bool photometric);
+    // False when the source reaches none of the target (nothing drawn).
+    bool drawSource(const Shader& program, const Source& source, int x0, int width, int height, bool photometric);
     void weightedStrip(int x0);
     void multiBandStrip(int x0);
 
@@ -256,7 +265,7 @@ void RigStitcher::drawSources(const Shader& program, int x0, int width, int heig
         drawSource(program, source, x0, width, height, photometric);
 }
 
-void RigStitcher::drawSource(const Shader& program, const Source& source, int x0, int width, int height,
+bool RigStitcher::drawSource(const Shader& program, const Source& source, int x0, int width, int height,
                              bool photometric)
 {
     program.use();
@@ -271,7 +280,24 @@ void RigStitcher::drawSource(const Shader& program, const Source& source, int x0
     program.setMatrix3("cameraMat", cameraMat.data());
     setLensUniforms(program, entry, source.texture, photometric);
     source.texture.bind(GL_TEXTURE0);
+    if (!tuning_.boundDraws) {
+        fullScreenPass(width, height);
+        return true;
+    }
+    // Only over the part of the target the source can reach (the shader
+    // discards every other fragment): traced for a strip laid out around its
+    // centre, as the ring layouts' strips are, over the panorama's rows.
+    const float fov = float(width) * degPerPixel_;
+    const Mat3 centred = cameraMatrix(entry.yaw, entry.pitch, entry.roll, correction_, {stripYaw + 0.5f * fov, 0.0f});
+    const PixelRect reach =
+        reachInTarget(loadedLens(entry, source.texture), centred, fov, width, std::min(height, height_));
+    if (reach.empty())
+        return false;
+    glEnable(GL_SCISSOR_TEST);
+    glScissor(reach.x0, reach.y0, reach.x1 - reach.x0, reach.y1 - reach.y0);
     fullScreenPass(width, height);
+    glDisable(GL_SCISSOR_TEST);
+    return true;
 }
 
 // The weighted mean of every source: (colour * w, w) summed by additive
@@ -332,7 +358,8 @@ void RigStitcher::multiBandStrip(int x0)
 
     for (const Source& source : sources_) {
         bindCleared(layer_[0]);
-        drawSource(layer, source, left, paddedWidth_, paddedHeight_, true);
+        if (!drawSource(layer, source, left, paddedWidth_, paddedHeight_, true))
+            continue;  // no share of this strip
         bindCleared(mask_[0]);
         seamMask.use();
         highest_.texture.bind(GL_TEXTURE1);
