@@ -92,6 +92,7 @@ ParseAction parseOptions(int argc, char** argv, JobOptions& options)
         case "--cf-exr"_oh: options.writeCfExr = true; ++i; break;
         case "--cf-jpg"_oh: options.writeCfJpg = true; ++i; break;
         case "--no-auto-level"_oh: options.autoLevel = false; ++i; break;
+        case "--reproject-any-size"_oh: options.reprojectAnySize = true; ++i; break;
         case "-v"_oh:
         case "--version"_oh: return ParseAction::PrintVersion;
         case "-V"_oh: return ParseAction::PrintVersionAndGL;
@@ -111,9 +112,10 @@ namespace {
 std::string usageLine(const std::string& programName)
 {
     return "Usage: " + programName +
-           " <pts/tsp/hdr/exr file> [--output-prefix basename] [--er-width width] [--cf-width width] [--er-exr] "
-           "[--er-hdr] [--er-jpg] [--cf-exr] [--cf-jpg] [--no-auto-level] [--logo jpg file] "
-           "[--exr-compression b44|dwa|piz|zip] [--tile-format jpg|webp] [--tile-quality 1-100]\n";
+           " <pts/tsp/hdr/exr/jpg/png/tif file> [--output-prefix basename] [--er-width width] [--cf-width width] "
+           "[--er-exr] [--er-hdr] [--er-jpg] [--cf-exr] [--cf-jpg] [--no-auto-level] [--logo jpg file] "
+           "[--exr-compression b44|dwa|piz|zip] [--tile-format jpg|webp] [--tile-quality 1-100] "
+           "[--reproject-any-size]\n";
 }
 }  // namespace
 
@@ -125,7 +127,8 @@ std::string usageText(const std::string& error, const std::string& programName)
 std::string helpText(const std::string& programName)
 {
     return usageLine(programName) +
-           "  <file>             a pts or tsp project, or a .hdr/.exr panorama this program rendered\n"
+           "  <file>             a pts or tsp project, a .hdr/.exr panorama this program rendered, or a\n"
+           "                     JPEG, PNG or TIFF equirect panorama (2:1, or placed by Photo Sphere XMP)\n"
            "  --output-prefix    name the outputs start with (default: the input without its extension);\n"
            "                     ending in '/': JPEG cube faces as a tile pyramid in that folder\n"
            "  --er-width         width of the equirect panorama of a project (default: from the first image)\n"
@@ -140,6 +143,8 @@ std::string helpText(const std::string& programName)
            "  --exr-compression  OpenEXR compression (default: dwa)\n"
            "  --tile-format      file format of the cube faces and tiles: jpg (default) or webp\n"
            "  --tile-quality     quality of the cube faces and tiles, 1 to 100 (default: 90)\n"
+           "  --reproject-any-size  a .hdr/.exr of any 2:1 size to every output (else tone-mapped only\n"
+           "                     unless its width is a multiple of 20)\n"
            "  -v, --version      print the version\n"
            "  -V                 print the version and the OpenGL driver's report\n"
            "  -h, --help         print this help\n";

@@ -17,6 +17,7 @@ struct JobOptions {
     int32_t cfWidth = 0;                  // 0: a quarter of the equirect width
     TileEncoding tiles;                   // format and quality of JPEG-set faces and tiles
     bool autoLevel = true;
+    bool reprojectAnySize = false;        // .hdr/.exr inputs of any 2:1 size go to every output
     bool writeErExr = false;
     bool writeErHdr = false;
     bool writeErJpg = false;

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <set>
 #include <stdexcept>
+#include <utility>
 
 #include "app/RenderPlan.h"
 #include "image/FormatText.h"
@@ -11,6 +12,7 @@
 #include "image/ImageView.h"
 #include "image/Jpeg.h"
 #include "image/OpenExr.h"
+#include "image/Picture.h"
 #include "image/Radiance.h"
 #include "libglutil/Stage.h"
 #include "libglutil/Texture.h"
@@ -58,11 +60,16 @@ void createOutputFolders(const RenderPlan& plan)
 
 // Walks the steps of a checked plan. `pano` holds RGBE in an HDR render, else
 // RGB; tone mapping turns RGBE into RGB in the same buffer, and `rgb` is the
-// 8-bit view from then on.
+// 8-bit view from then on. `panorama` is the JPEG faces' source texture: made
+// by the read itself when the plan decodes to it (then `pano` stays empty),
+// else uploaded from `rgb`; when the faces are the last step the buffer is
+// released once they have it, so that a large panorama is held only once
+// while they render.
 void executePlan(const RenderPlan& plan)
 {
     Image pano;
     ImageView rgb;
+    Texture panorama;
     for (const PlanStep& step : plan.steps) {
         const std::string& out = step.outputs.empty() ? plan.outputPrefix : step.outputs.front();
         switch (step.kind) {
@@ -74,8 +81,17 @@ void executePlan(const RenderPlan& plan)
             break;
         }
         case StepKind::ReadImage:
-            pano = plan.input == InputKind::RadianceImage ? readRadiance(plan.inputPath) : readExr(plan.inputPath);
-            finishStage("read hdr/exr");
+            if (plan.input == InputKind::PictureImage) {
+                if (plan.decodeToTexture)
+                    panorama = loadRgbJpeg(plan.inputPath, plan.width, plan.height);
+                else
+                    pano = placePicture(readPicture(plan.inputPath, plan.picture), plan);
+                finishStage("read image");
+            } else {
+                pano = plan.input == InputKind::RadianceImage ? readRadiance(plan.inputPath)
+                                                              : readExr(plan.inputPath);
+                finishStage("read hdr/exr");
+            }
             rgb = pano;
             break;
         case StepKind::Note:
@@ -116,7 +132,11 @@ void executePlan(const RenderPlan& plan)
             break;
         case StepKind::CubeFacesJpeg: {
             const TileEncoding& tiles = plan.options.tiles;
-            writeCubeFacesJpeg(rgb, plan.cubeFaceWidth, CubeJpegNames(plan.outputPrefix, tiles.extension()), tiles);
+            if (panorama.count() == 0)
+                panorama = uploadRgb(rgb);
+            if (&step == &plan.steps.back())
+                pano = Image();
+            writeCubeFacesJpeg(panorama, plan.cubeFaceWidth, CubeJpegNames(plan.outputPrefix, tiles.extension()), tiles);
             writeWebViewerFiles(plan.cubeFaceWidth, plan.outputPrefix, tiles.extension());
             break;
         }

@@ -150,17 +150,39 @@ void checkInputFile(const std::string& path)
     throw std::runtime_error("'" + path + "' " + what + "; " + kExpectedInput);
 }
 
+Image placePicture(Image picture, const RenderPlan& plan)
+{
+    const PanoramaPlacement& at = plan.placement;
+    if (!at.present())
+        return picture;
+    Image pano(plan.width, plan.height, picture.channels());
+    const size_t rowBytes = size_t(picture.width()) * size_t(picture.channels());
+    for (int32_t y = 0; y < picture.height(); ++y)
+        std::memcpy(pano.pixel(at.left, at.top + y), picture.pixel(0, y), rowBytes);
+    return pano;
+}
+
 RenderPlan planInput(const JobOptions& options)
 {
     RenderPlan plan;
     plan.options = options;
     plan.inputPath = options.inputPath.string();
-    if (hasExtensionIn(plan.inputPath, "hdr exr"))
+    const PictureKind sniffed = hasExtensionIn(plan.inputPath, "tsp pts") ? PictureKind::Unknown
+                                                                          : sniffPictureKind(plan.inputPath);
+    if (sniffed == PictureKind::Radiance || sniffed == PictureKind::OpenExr)
+        plan.input = sniffed == PictureKind::Radiance ? InputKind::RadianceImage : InputKind::ExrImage;
+    else if (sniffed != PictureKind::Unknown)
+        plan.input = InputKind::PictureImage;
+    else if (hasExtensionIn(plan.inputPath, "hdr exr"))
         plan.input = hasExtensionIn(plan.inputPath, "hdr") ? InputKind::RadianceImage : InputKind::ExrImage;
     else if (hasExtensionIn(plan.inputPath, "tsp"))
         plan.input = InputKind::TspProject;
+    else if (hasExtensionIn(plan.inputPath, "jpg jpeg png tif tiff") && std::filesystem::is_regular_file(options.inputPath))
+        throw std::runtime_error("'" + plan.inputPath + "' is neither a project nor a readable image; " +
+                                 kExpectedInput + " (JPEG, PNG, TIFF, Radiance or OpenEXR)");
     else
         plan.input = InputKind::PtsScript;
+    plan.picture = plan.input == InputKind::PictureImage ? sniffed : PictureKind::Unknown;
     if (plan.input == InputKind::TspProject)
         plan.projectPath = plan.inputPath;
     else if (plan.input == InputKind::PtsScript)
@@ -193,7 +215,40 @@ void planImageInput(RenderPlan& plan, int32_t width, int32_t height)
     plan.width = width;
     plan.height = height;
     plan.hdr = true;
-    plan.tonemapOnly = !isRenderedEquirectSize(width, height);
+    plan.tonemapOnly = !isRenderedEquirectSize(width, height) &&
+                       !(plan.options.reprojectAnySize && width > 0 && width == 2 * height);
+}
+
+void planPictureInput(RenderPlan& plan, const PictureInfo& info)
+{
+    const PanoramaPlacement at = photoSphereXmpPlacement(info.xmp);
+    const char* kind = pictureKindName(plan.picture);
+    if (at.present()) {
+        if (at.fullWidth != 2 * at.fullHeight || int64_t(at.left) + info.width > at.fullWidth ||
+            int64_t(at.top) + info.height > at.fullHeight)
+            throw std::runtime_error(formatText(
+                "%s file '%s': its Photo Sphere XMP places %dx%d pixels at %d,%d in a panorama of %dx%d; expected "
+                "a 2:1 panorama that holds them",
+                kind, plan.inputPath.c_str(), info.width, info.height, at.left, at.top, at.fullWidth, at.fullHeight));
+        if (uint64_t(at.fullWidth) * uint64_t(at.fullHeight) > kMaxPicturePixels)
+            throw std::runtime_error(formatText("%s file '%s': its Photo Sphere XMP panorama of %dx%d pixels is too "
+                                                "large", kind, plan.inputPath.c_str(), at.fullWidth, at.fullHeight));
+        plan.width = at.fullWidth;
+        plan.height = at.fullHeight;
+        if (at.left != 0 || at.top != 0 || at.fullWidth != info.width || at.fullHeight != info.height)
+            plan.placement = at;
+    } else if (info.width == 2 * info.height) {
+        plan.width = info.width;
+        plan.height = info.height;
+    } else {
+        throw std::runtime_error(formatText("%s file '%s' is %dx%d pixels: expected a 2:1 equirectangular panorama "
+                                            "or Photo Sphere XMP (GPano) that places it in one",
+                                            kind, plan.inputPath.c_str(), info.width, info.height));
+    }
+    plan.hdr = info.hdr;
+    const JobOptions& o = plan.options;
+    plan.decodeToTexture = plan.picture == PictureKind::Jpeg && !plan.hdr && !plan.placement.present() &&
+                           o.writeCfJpg && !o.writeErJpg && !plan.writesThumbnail() && o.logoPath.empty();
 }
 
 bool RenderPlan::has(StepKind kind) const
@@ -279,6 +334,8 @@ RenderPlan planJob(const JobOptions& options, std::ostream& log)
                                                               : importPtsScript(plan.inputPath);
         printProjectListing(project, log);
         planProject(plan, std::move(project), log);
+    } else if (plan.input == InputKind::PictureImage) {
+        planPictureInput(plan, readPictureInfo(plan.inputPath, plan.picture));
     } else {
         const auto [width, height] = plan.input == InputKind::RadianceImage ? radianceSize(plan.inputPath)
                                                                             : exrSize(plan.inputPath);
@@ -290,16 +347,20 @@ RenderPlan planJob(const JobOptions& options, std::ostream& log)
 
 void printPlan(const RenderPlan& plan, std::ostream& out)
 {
-    static const char* const kInputs[] = {"tsp project", "pts script", "hdr image", "exr image"};
-    out << "input: " << plan.inputPath << " (" << kInputs[int(plan.input)] << ")\n"
+    static const char* const kInputs[] = {"tsp project", "pts script", "hdr image", "exr image", "image"};
+    out << "input: " << plan.inputPath << " ("
+        << (plan.input == InputKind::PictureImage ? pictureKindName(plan.picture) + std::string(" ") : "")
+        << kInputs[int(plan.input)] << ")\n"
         << "mode: " << (plan.hdr ? "HDR" : "LDR") << (plan.upsideDown ? ", upside down" : "")
         << (plan.tonemapOnly ? ", tone-mapping only" : "") << "\n";
     if (plan.isProject() && plan.layout == RigLayout::General)
         out << "layout: any rig\n";
     else if (plan.isProject())
         out << "slots: " << plan.slotCount << "\n";
-    out << "equirect: " << plan.width << " x " << plan.height << "\n"
-        << "cube face: " << plan.cubeFaceWidth << "\n";
+    out << "equirect: " << plan.width << " x " << plan.height << "\n";
+    if (plan.placement.present())
+        out << "placed: " << plan.placement.left << ", " << plan.placement.top << "\n";
+    out << "cube face: " << plan.cubeFaceWidth << "\n";
     for (const std::string& file : plan.outputFiles())
         out << "writes: " << file << "\n";
 }

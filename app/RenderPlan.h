@@ -7,8 +7,9 @@
 //
 // The plan is made in three phases:
 //   planInput          from the options alone (input kind, output names);
-//   planProject /      from the loaded project (mode, slots, equirect width)
-//   planImageInput     or from the size of a .hdr/.exr input;
+//   planProject /      from the loaded project (mode, slots, equirect width),
+//   planImageInput /   from the size of a .hdr/.exr input,
+//   planPictureInput   or from the header of a JPEG, PNG or TIFF input;
 //   planSteps          cube face width and the list of steps.
 // planJob runs all three. Console lines that belong to the moment a step runs
 // (the cube face width, the tone-mapping-only notice) are kept in the plan as
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "app/Options.h"
+#include "image/Picture.h"
 #include "project/Project.h"
 
 enum class InputKind {
@@ -26,13 +28,14 @@ enum class InputKind {
     PtsScript,      // anything else that is not an image: a pts script
     RadianceImage,  // ".hdr" panorama this program rendered
     ExrImage,       // ".exr" panorama this program rendered
+    PictureImage,   // JPEG, PNG or TIFF equirectangular panorama, whole or placed by its XMP
 };
 
 // What one step of a job does. The executor (app/RenderJob.cpp) has one case
 // per kind; planSteps decides which steps a job has and in what order.
 enum class StepKind {
     Stitch,            // the project stitched into a new panorama
-    ReadImage,         // the .hdr/.exr input read as the panorama
+    ReadImage,         // the image input read as the panorama
     Note,              // prints `text` on standard error
     Logo,              // the logo drawn into the nadir
     UpsideDown,        // the panorama turned by 180 degrees
@@ -57,6 +60,7 @@ struct RenderPlan {
     // compression and auto level are read from there).
     JobOptions options;
     InputKind input = InputKind::PtsScript;
+    PictureKind picture = PictureKind::Unknown;  // the file's kind for a PictureImage
     std::string inputPath;
     std::string projectPath;    // document embedded into EXR outputs; empty for an image input
     std::string outputPrefix;
@@ -72,6 +76,12 @@ struct RenderPlan {
     int slotCount = 0;         // projects only; the general layout's width step is that of 5 slots
     int32_t width = 0;         // equirect panorama
     int32_t height = 0;
+    // A picture that covers only part of the sphere: where it goes in the
+    // width x height panorama, the rest black. Absent for a whole panorama.
+    PanoramaPlacement placement;
+    // The picture is a JPEG that only the JPEG faces read: it is decoded
+    // straight into their texture, never held whole in memory.
+    bool decodeToTexture = false;
 
     // From planSteps.
     int32_t cubeFaceWidth = 0;
@@ -99,7 +109,12 @@ constexpr const char* kExpectedInput = "expected a pts or tsp project or an equi
 // semicolon, kExpectedInput.
 void checkInputFile(const std::string& path);
 
-// Phase one: input kind and output names from the options.
+// Phase one: input kind and output names from the options. A ".tsp" or
+// ".pts" input is a project whatever it holds; any other input is the kind
+// of picture its first bytes announce, else a .hdr/.exr image or a pts
+// script by its extension as always. Throws std::runtime_error for an
+// existing file named as a JPEG, PNG or TIFF picture whose content is none
+// of the kinds above.
 RenderPlan planInput(const JobOptions& options);
 
 // Phase two for a project: mode, upside-down rule (applied to the project,
@@ -109,8 +124,16 @@ RenderPlan planInput(const JobOptions& options);
 void planProject(RenderPlan& plan, Project project, std::ostream& log);
 
 // Phase two for a .hdr/.exr input of the given size: HDR, or tone-mapping only
-// for a size this program does not render.
+// for a size this program does not render (with reprojectAnySize, for a size
+// that is not 2:1).
 void planImageInput(RenderPlan& plan, int32_t width, int32_t height);
+
+// Phase two for a JPEG, PNG or TIFF input: HDR for floating-point samples,
+// else LDR; the panorama is the picture itself when it is 2:1, else the full
+// panorama its Photo Sphere XMP places it in. Throws std::runtime_error for a
+// picture that is neither, for a placement outside its panorama and for a
+// panorama beyond kMaxPicturePixels.
+void planPictureInput(RenderPlan& plan, const PictureInfo& info);
 
 // Phase three: cube face width (a quarter of the panorama unless given,
 // rounded when a cube map EXR or a tile pyramid is written, its console line
@@ -169,6 +192,10 @@ int32_t roundCubeFaceWidth(int32_t cfWidth, std::ostream& log);
 // Sizes this program writes, and so reads back as an equirect input:
 // width = 2 * height and width a multiple of 20.
 bool isRenderedEquirectSize(int32_t width, int32_t height);
+
+// The panorama of `plan` from its decoded picture: the picture itself, or a
+// black panorama with the picture where its placement says.
+Image placePicture(Image picture, const RenderPlan& plan);
 
 // Turns a packed image by 180 degrees: reverses the order of `pixelCount`
 // pixels of `bytesPerPixel` bytes each.

@@ -26,7 +26,7 @@ inline std::string& scratchDir()
 inline void removeScratch()
 {
     const std::string& dir = scratchDir();
-    for (const char* name : {"input.hdr", "input.exr", "input.jpg", "input.pts", "input.tsp", "input.ppm"})
+    for (const char* name : {"input.hdr", "input.exr", "input.jpg", "input.pts", "input.tsp", "input.ppm", "input.png", "input.tif"})
         std::remove((dir + "/" + name).c_str());
     rmdir(dir.c_str());
 }

@@ -23,6 +23,7 @@
 #include "image/PathUtil.h"
 #include "libglutil/StageTimer.h"
 #include "image/ExponentStats.h"
+#include "image/FormatText.h"
 #include "image/Jpeg.h"
 #include "image/Ppm.h"
 #include "image/Radiance.h"
@@ -368,6 +369,23 @@ void checkLoadable(const std::string& path)
     default:
         throw std::runtime_error("failed to open file '" + path + "': unsupported file type");
     }
+}
+
+Texture uploadRgb(const ImageView& rgb)
+{
+    return Texture::upload(rgb.width(), rgb.height(), GL_RGB8, GL_RGB, rgb.data(), rgb.stride());
+}
+
+Texture loadRgbJpeg(const std::string& path, int32_t width, int32_t height)
+{
+    Texture texture = Texture::upload(width, height, GL_RGB8, GL_RGB, nullptr);
+    readJpegBands(path, [&](const ImageView& band, int32_t firstRow) {
+        if (band.width() != width || firstRow + band.height() > height)
+            throw std::runtime_error(formatText("Error reading JPEG file '%s': not %dx%d pixels", path.c_str(), width,
+                                                height));
+        texture.replacePart(0, firstRow, band.width(), band.height(), GL_RGB, band.data(), band.stride());
+    });
+    return texture;
 }
 
 Texture uploadRgbe(const ImageView& rgbe)

@@ -105,6 +105,15 @@ Image readRawPreview(const std::string& path);
 // the executable (which then fails to start).
 std::string toolPath(const std::string& name);
 
+// Uploads an 8-bit RGB image as a GL_RGB8 texture, filtered by the hardware
+// (split in two pieces when wider than the GPU allows).
+Texture uploadRgb(const ImageView& rgb);
+
+// The same texture from a JPEG file of width x height pixels, decoded band by
+// band straight into it (readJpegBands): no copy of the image is held in
+// memory. Throws what readJpeg throws, and for a file of another size.
+Texture loadRgbJpeg(const std::string& path, int32_t width, int32_t height);
+
 // Uploads an RGBE image as a GL_RGBA8 texture after printing its exponent
 // statistics line and storing 2^mean, 2^min and 2^max in the texture.
 Texture uploadRgbe(const ImageView& rgbe);

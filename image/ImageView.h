@@ -7,6 +7,7 @@
 // must outlive it. ImageView is read-only; a MutableImageView also lets its
 // pixels be written and converts to an ImageView. An Image owns a packed,
 // zero-filled buffer and hands out both kinds of view of it.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -97,3 +98,20 @@ constexpr int32_t panoramaChannels(bool hdr) { return hdr ? 4 : 3; }
 // Largest image buffer the program agrees to allocate (bytes). Generous enough
 // for the widest panorama (31800 x 15900 RGBE is about 2 GB).
 constexpr uint64_t kMaxImageBytes = uint64_t(8) << 30;
+
+// Most pixels a picture file may decode to: a 32768 x 16384 panorama, 1.5 GiB
+// as RGB, the largest whose faces and tiles are made within 4 GB.
+constexpr uint64_t kMaxPicturePixels = uint64_t(1) << 29;
+
+// Whether a compressed picture file of `fileLength` bytes (0: unknown, not a
+// regular file) may decode to `decodedBytes`: at most max(64 MiB, 1024 x its
+// length). A photograph decodes to 5 to 50 times its length and a flat
+// colour to a few hundred; deflate and the entropy coders cannot expand
+// further than about a thousand, so a larger claim is a damaged or hostile
+// header, refused before anything is allocated for it.
+constexpr bool decodedSizeFits(uint64_t decodedBytes, uint64_t fileLength)
+{
+    constexpr uint64_t kMinDecodeBudget = uint64_t(64) << 20;
+    constexpr uint64_t kMaxExpansion = 1024;
+    return fileLength == 0 || decodedBytes <= std::max(kMinDecodeBudget, kMaxExpansion * fileLength);
+}

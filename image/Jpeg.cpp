@@ -62,7 +62,7 @@ void setupErrorManager(ErrorManager& err)
 constexpr long kMaxJpegWorkingMemory = 2L << 30;
 
 bool readJpegHeader(jpeg_decompress_struct* cinfo, ErrorManager* err, FILE* file, bool* created, int eighths,
-                    bool rgba)
+                    bool rgba, bool keepApp1)
 {
     if (setjmp(err->jump))
         return false;
@@ -70,6 +70,8 @@ bool readJpegHeader(jpeg_decompress_struct* cinfo, ErrorManager* err, FILE* file
     *created = true;
     cinfo->mem->max_memory_to_use = kMaxJpegWorkingMemory;
     jpeg_stdio_src(cinfo, file);
+    if (keepApp1)
+        jpeg_save_markers(cinfo, JPEG_APP0 + 1, 0xFFFF);
     jpeg_read_header(cinfo, TRUE);
     // The smallest of libjpeg's DCT scalings from M/8 up that shrinks the
     // image to whole pixels, so that every output pixel stands for the same
@@ -101,12 +103,8 @@ bool readJpegHeader(jpeg_decompress_struct* cinfo, ErrorManager* err, FILE* file
 // frame can code a flat block in a fraction of a bit; it is held to the same
 // rule, which photographs exceed many times over. Unusual sampling factors
 // make a block stand for more pixels, so the decoded RGB bytes are also held
-// to max(64 MiB, 1024 x L) (a photograph decodes to 5 to 50 times its
-// length, a flat colour to a few hundred). And a frame may not decode to
-// more than kMaxJpegPixels pixels, whatever its length.
-constexpr uint64_t kMaxJpegPixels = uint64_t(1) << 28;
-constexpr uint64_t kMinDecodeBudget = uint64_t(64) << 20;
-constexpr uint64_t kMaxExpansion = 1024;
+// to decodedSizeFits. And a frame may not decode to more than
+// kMaxPicturePixels pixels, whatever its length.
 
 // Empty when the frame fits, else the reason it does not. `fileLength` is 0
 // when unknown (not a regular file): then only the pixel limit applies.
@@ -116,11 +114,10 @@ std::string frameProblem(const jpeg_decompress_struct& cinfo, uint64_t fileLengt
     for (int c = 0; c < cinfo.num_components; ++c)
         blocks += uint64_t(cinfo.comp_info[c].width_in_blocks) * cinfo.comp_info[c].height_in_blocks;
     const uint64_t decoded = uint64_t(cinfo.output_width) * cinfo.output_height * 3;
-    if (fileLength > 0 &&
-        (blocks > 8 * fileLength || decoded > std::max(kMinDecodeBudget, kMaxExpansion * fileLength)))
+    if (fileLength > 0 && (blocks > 8 * fileLength || !decodedSizeFits(decoded, fileLength)))
         return formatText("frame of %ux%u pixels needs more data than the file's %llu bytes", cinfo.image_width,
                           cinfo.image_height, static_cast<unsigned long long>(fileLength));
-    if (uint64_t(cinfo.output_width) * cinfo.output_height > kMaxJpegPixels)
+    if (uint64_t(cinfo.output_width) * cinfo.output_height > kMaxPicturePixels)
         return formatText("frame of %ux%u pixels is too large", cinfo.output_width, cinfo.output_height);
     return std::string();
 }
@@ -146,6 +143,27 @@ bool decodeJpegRows(jpeg_decompress_struct* cinfo, ErrorManager* err, const Muta
         jpeg_skip_scanlines(cinfo, cinfo->output_height - 1 - cinfo->output_scanline);
     if (cinfo->output_scanline < cinfo->output_height)
         jpeg_read_scanlines(cinfo, &scratch, 1);
+    jpeg_finish_decompress(cinfo);
+    return true;
+}
+
+// Decodes every row, `band->height()` at a time into `band`, handing each
+// band to `use` with its first row.
+bool decodeJpegBands(jpeg_decompress_struct* cinfo, ErrorManager* err, const MutableImageView* band,
+                     const JpegBandUse* use)
+{
+    if (setjmp(err->jump))
+        return false;
+    jpeg_start_decompress(cinfo);
+    while (cinfo->output_scanline < cinfo->output_height) {
+        const JDIMENSION first = cinfo->output_scanline;
+        const JDIMENSION rows = std::min(cinfo->output_height - first, JDIMENSION(band->height()));
+        while (cinfo->output_scanline < first + rows) {
+            JSAMPROW row = band->row(int32_t(cinfo->output_scanline - first));
+            jpeg_read_scanlines(cinfo, &row, 1);
+        }
+        (*use)(band->subView(0, 0, band->width(), int32_t(rows)), int32_t(first));
+    }
     jpeg_finish_decompress(cinfo);
     return true;
 }
@@ -250,8 +268,15 @@ FILE* openFile(const std::string& path, const char* mode)
 
 namespace {
 
+// The standard XMP segment: this namespace URI and a zero byte, then the packet.
+const char kXmpSignature[] = "http://ns.adobe.com/xap/1.0/";
+
+// Decodes the rows `choose` asks for (all without it). With `info` it reads
+// the header only: the frame's size and its XMP packet go there and no row is
+// decoded.
 JpegRows decodeJpeg(FILE* file, uint64_t fileLength, const std::string& path, int eighths,
-                    const JpegRowChoice& choose, bool rgba)
+                    const JpegRowChoice& choose, bool rgba, PictureInfo* info = nullptr,
+                    const JpegBandUse* bands = nullptr)
 {
     jpeg_decompress_struct cinfo;
     ErrorManager err;
@@ -268,7 +293,7 @@ JpegRows decodeJpeg(FILE* file, uint64_t fileLength, const std::string& path, in
         }
     } destroy{&cinfo, &created};
 
-    if (!readJpegHeader(&cinfo, &err, file, &created, eighths, rgba))
+    if (!readJpegHeader(&cinfo, &err, file, &created, eighths, rgba, info != nullptr))
         throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), err.message));
     // A CMYK file has four components too; only RGB made RGBA passes.
     const int channels = rgba ? 4 : 3;
@@ -281,6 +306,23 @@ JpegRows decodeJpeg(FILE* file, uint64_t fileLength, const std::string& path, in
         throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), problem.c_str()));
     result.width = int32_t(cinfo.output_width);
     result.height = int32_t(cinfo.output_height);
+    if (info) {
+        info->width = result.width;
+        info->height = result.height;
+        for (jpeg_saved_marker_ptr m = cinfo.marker_list; m; m = m->next)
+            if (m->data_length > sizeof kXmpSignature &&
+                std::memcmp(m->data, kXmpSignature, sizeof kXmpSignature) == 0)
+                info->xmp.assign(reinterpret_cast<const char*>(m->data) + sizeof kXmpSignature,
+                                 m->data_length - sizeof kXmpSignature);
+        return result;
+    }
+    if (bands) {
+        Image band(result.width, std::min(result.height, kJpegBandRows), channels);
+        const MutableImageView view = band.mutableView();
+        if (!decodeJpegBands(&cinfo, &err, &view, bands))
+            throw std::runtime_error(formatText("Error reading JPEG file '%s': %s", path.c_str(), err.message));
+        return result;
+    }
     int32_t first = 0, end = result.height;
     if (choose) {
         const std::pair<int32_t, int32_t> rows = choose(result.width, result.height, result.eighths);
@@ -323,6 +365,22 @@ Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int eig
     return std::move(decoded.rows);
 }
 
+PictureInfo readJpegInfo(const std::string& path)
+{
+    uint64_t length = 0;
+    FilePtr file(openJpeg(path, &length));
+    PictureInfo info;
+    decodeJpeg(file.get(), length, path, 8, nullptr, false, &info);
+    return info;
+}
+
+void readJpegBands(const std::string& path, const JpegBandUse& use)
+{
+    uint64_t length = 0;
+    FilePtr file(openJpeg(path, &length));
+    decodeJpeg(file.get(), length, path, 8, nullptr, false, nullptr, &use);
+}
+
 JpegRows readJpegRows(const std::string& path, int eighths, const JpegRowChoice& choose, bool rgba)
 {
     uint64_t length = 0;
@@ -351,8 +409,7 @@ void writeJpeg(const ImageView& rgb, const std::string& path, const std::vector<
 
 JpegMarker photoSphereXmp(int width, int height)
 {
-    // The standard XMP segment: namespace URI, a zero byte, then one packet.
-    std::string xmp("http://ns.adobe.com/xap/1.0/", 29);
+    std::string xmp(kXmpSignature, sizeof kXmpSignature);
     xmp += formatText(
         "<?xpacket begin=\"\xEF\xBB\xBF\" id=\"W5M0MpCehiHzreSzNTczkc9d\"?>\n"
         "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\">\n"

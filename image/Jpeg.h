@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "image/ImageView.h"
+#include "image/Picture.h"
 
 // Opens `path` with fopen in `mode`; "-" means standard output for every mode
 // (binary mode is a no-op on this platform). Throws
@@ -36,6 +37,10 @@ Image readJpeg(const std::string& path, int eighths = 8, int* decodedEighths = n
 Image readJpeg(FILE* file, uint64_t fileLength, const std::string& path, int eighths = 8,
                int* decodedEighths = nullptr);
 
+// Size and XMP packet (the APP1 segment of the standard XMP signature) after
+// the same header checks as readJpeg, without decoding the pixels.
+PictureInfo readJpegInfo(const std::string& path);
+
 // Part of a decoded JPEG image: the rows [firstRow, firstRow + rows.height())
 // of an image of width x height pixels decoded at `eighths` (see readJpeg).
 struct JpegRows {
@@ -54,6 +59,14 @@ using JpegRowChoice = std::function<std::pair<int32_t, int32_t>(int32_t width, i
 // anywhere in the file is still found. The rows kept are those of the whole
 // decode; with `rgba` their pixels have a fourth byte, 255.
 JpegRows readJpegRows(const std::string& path, int eighths, const JpegRowChoice& choose, bool rgba = false);
+
+// readJpeg that hands the image over in bands of kJpegBandRows rows (fewer
+// for the last), packed RGB, each with the index of its first row, instead of
+// holding it whole: a panorama can go to the GPU without a copy of it in
+// memory. A failure after some bands were handed over throws as readJpeg.
+constexpr int32_t kJpegBandRows = 256;
+using JpegBandUse = std::function<void(const ImageView& band, int32_t firstRow)>;
+void readJpegBands(const std::string& path, const JpegBandUse& use);
 
 // An application segment written after the JPEG's own headers: the marker
 // code (JPEG_APP0 + n) and its payload (at most 65533 bytes).

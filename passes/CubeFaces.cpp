@@ -193,8 +193,11 @@ void writeCubeFacesExr(const ImageView& rgbe, int faceSize, const std::string& p
 
 void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames& names, const TileEncoding& encoding)
 {
-    const Texture input = Texture::upload(rgb.width(), rgb.height(), GL_RGB8, GL_RGB, rgb.data(), rgb.stride());
+    writeCubeFacesJpeg(uploadRgb(rgb), faceSize, names, encoding);
+}
 
+void writeCubeFacesJpeg(const Texture& input, int faceSize, const CubeJpegNames& names, const TileEncoding& encoding)
+{
     if (names.pyramid())
         std::filesystem::create_directories(names.folder() + kPannellumFolder);
 

@@ -15,6 +15,7 @@
 
 #include "image/ImageView.h"
 #include "image/TileEncoding.h"
+#include "libglutil/Texture.h"
 #include "project/CameraMatrix.h"
 
 // Cube map from the RGBE panorama into `path`, faces of s x s stacked in
@@ -63,6 +64,10 @@ private:
 // previews (JPEG at the same quality) and, for a pyramid, Pannellum's preview
 // faces (in `encoding`); a pyramid's folders are made when they do not exist.
 void writeCubeFacesJpeg(const ImageView& rgb, int faceSize, const CubeJpegNames& names, const TileEncoding& encoding);
+// The same from the panorama already uploaded (uploadRgb, loadRgbJpeg), for
+// a caller that keeps no copy of its pixels in memory while the faces render.
+void writeCubeFacesJpeg(const Texture& panorama, int faceSize, const CubeJpegNames& names,
+                        const TileEncoding& encoding);
 
 // The folder of Pannellum's tile names inside a pyramid's folder.
 constexpr const char* kPannellumFolder = "pannellum";

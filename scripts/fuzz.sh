@@ -1,5 +1,5 @@
 #!/bin/sh
-# Fuzzing campaign over every file reader (fuzz/): .hdr, .exr, JPEG, pts, tsp
+# Fuzzing campaign over every file reader (fuzz/): .hdr, .exr, JPEG, PNG, TIFF, pts, tsp
 # and the PPM stream of the raw decoder, under AddressSanitizer and
 # UndefinedBehaviorSanitizer.
 #
@@ -28,7 +28,7 @@ while [ $# -gt 0 ]; do
     *) echo "usage: $0 [--cases N | --minutes M] [--seed S]" >&2; exit 2 ;;
     esac
 done
-readers="hdr exr jpeg pts tsp ppm"
+readers="hdr exr jpeg pts tsp ppm png tiff"
 jobs=$(nproc)
 out=build-fuzz-out
 mkdir -p "$out"

@@ -6,7 +6,7 @@
 # Debian's chromium).
 set -e
 PKGS="cmake g++ pkg-config qtbase5-dev libglew-dev libopenexr-dev libimath-dev libjpeg-dev \
-libboost-dev dcraw libjpeg-turbo-progs xvfb xauth libgtest-dev openexr time \
+libpng-dev libtiff-dev libboost-dev dcraw libjpeg-turbo-progs xvfb xauth libgtest-dev openexr time \
 slurm-wlm munge chromium libimage-exiftool-perl mmdebstrap dpkg-dev gpg buildah podman runc \
 libwebp-dev webp"
 command -v npm >/dev/null 2>&1 || PKGS="$PKGS nodejs npm"

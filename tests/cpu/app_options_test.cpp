@@ -101,7 +101,7 @@ TEST(ParseOptions, HelpNamesEveryOption)
     int options = 0;
     for (std::sregex_iterator m(usage.begin(), usage.end(), option), end; m != end; ++m, ++options)
         EXPECT_NE(help.find("\n  " + (*m)[1].str() + " "), std::string::npos) << (*m)[1];
-    EXPECT_EQ(options, 13);
+    EXPECT_EQ(options, 14);
     for (const char* line : {"\n  -v, --version ", "\n  -V ", "\n  -h, --help "})
         EXPECT_NE(help.find(line), std::string::npos) << line;
 }
@@ -155,9 +155,10 @@ TEST(JobEntry, UsageThreadsAndFailureReport)
 {
     EXPECT_EQ(usageText("unknown option '--bogus'", "./tessara-render"),
               "Error: unknown option '--bogus'\n"
-              "Usage: ./tessara-render <pts/tsp/hdr/exr file> [--output-prefix basename] [--er-width width] "
-              "[--cf-width width] [--er-exr] [--er-hdr] [--er-jpg] [--cf-exr] [--cf-jpg] [--no-auto-level] "
-              "[--logo jpg file] [--exr-compression b44|dwa|piz|zip] [--tile-format jpg|webp] [--tile-quality 1-100]\n");
+              "Usage: ./tessara-render <pts/tsp/hdr/exr/jpg/png/tif file> [--output-prefix basename] "
+              "[--er-width width] [--cf-width width] [--er-exr] [--er-hdr] [--er-jpg] [--cf-exr] [--cf-jpg] "
+              "[--no-auto-level] [--logo jpg file] [--exr-compression b44|dwa|piz|zip] [--tile-format jpg|webp] "
+              "[--tile-quality 1-100] [--reproject-any-size]\n");
     EXPECT_EQ(usageText("%s%n", "p").substr(0, 12), "Error: %s%n\n");  // inserted, never a format
 
     const unsigned threads[][2] = {{0, 2}, {1, 2}, {2, 2}, {7, 7}, {16, 16}, {64, 16}};

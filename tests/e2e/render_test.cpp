@@ -22,10 +22,12 @@
 #include <unistd.h>
 
 #include "app/Options.h"
+#include "image/FormatText.h"
 #include "image/Jpeg.h"
 #include "image/OpenExr.h"
 #include "image/Radiance.h"
 #include "image/Rgbe.h"
+#include "passes/CubeFaces.h"
 #include "support/Support.h"
 
 namespace fs = std::filesystem;
@@ -448,4 +450,144 @@ int main(int argc, char** argv)
     }
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
+}
+
+namespace {
+
+// A smooth colour field, continuous across the panorama's seam: R, G, B in
+// 0..1 at longitude lon and latitude lat (radians).
+std::array<double, 3> smoothField(double lon, double lat)
+{
+    return {0.5 + 0.35 * std::cos(lon) * std::cos(lat), 0.5 + 0.35 * std::sin(2 * lon) * std::cos(lat),
+            0.5 + 0.4 * std::sin(lat)};
+}
+
+// Largest and mean difference between the JPEG faces of `prefix` and the
+// panorama `source` (float RGB in 0..255, w x h, rows top first) sampled
+// bilinearly where each face pixel looks (cubeFaceDirection); face pixels
+// whose source point lies within 8 pixels (a JPEG block's ringing) of the border of `mask` (a
+// rectangle of the panorama, empty for none) are left out.
+std::pair<double, double> facesAgainst(const std::string& prefix, const std::vector<float>& source, int w, int h,
+                                       std::array<int, 4> mask = {0, 0, 0, 0})
+{
+    double worst = 0, sum = 0;
+    int64_t count = 0;
+    for (int f = 0; f < 6; ++f) {
+        const Image face = readJpeg(prefix + "_" + kCubeFaces[f].letter + ".jpg");
+        const int s = face.width();
+        for (int j = 0; j < s; ++j)
+            for (int i = 0; i < s; ++i) {
+                const std::array<double, 3> d = cubeFaceDirection(f, i, j, s);
+                const double lon = std::atan2(d[0], d[2]), lat = std::atan2(d[1], std::hypot(d[0], d[2]));
+                const double x = lon * w / (2 * M_PI) + 0.5 * (w - 1), y = 0.5 * (h - 1) - lat * h / M_PI;
+                const auto near = [](double v, int edge) { return std::fabs(v - (edge - 0.5)) < 8; };
+                if (mask[2] > 0 && (near(x, mask[0]) || near(x, mask[0] + mask[2]) || near(y, mask[1]) ||
+                                    near(y, mask[1] + mask[3])))
+                    continue;
+                const int x0 = int(std::floor(x)), y0 = std::clamp(int(std::floor(y)), 0, h - 1);
+                const int y1 = std::min(y0 + 1, h - 1);
+                const double tx = x - std::floor(x), ty = std::clamp(y - y0, 0.0, 1.0);
+                for (int c = 0; c < 3; ++c) {
+                    const auto at = [&](int px, int py) { return source[(size_t(py) * w + (px + w) % w) * 3 + c]; };
+                    const double want = (at(x0, y0) * (1 - tx) + at(x0 + 1, y0) * tx) * (1 - ty) +
+                                        (at(x0, y1) * (1 - tx) + at(x0 + 1, y1) * tx) * ty;
+                    const double diff = std::fabs(want - face.pixel(i, j)[c]);
+                    worst = std::max(worst, diff);
+                    sum += diff;
+                    ++count;
+                }
+            }
+    }
+    return {worst, sum / double(count)};
+}
+
+}  // namespace
+
+// JPEG, 16-bit PNG and partial (XMP-placed) panoramas of sizes this program
+// never renders go to faces that show the picture as it is: no tone curve,
+// no detour through RGBE. A float TIFF is HDR and gives the faces of the
+// same panorama as a .hdr file, byte for byte.
+TEST(PictureInput, FacesShowThePicture)
+{
+    TempDir dir;
+    const int w = 648, h = 324;  // not a size this program renders (not a multiple of 20)
+    std::vector<float> field(size_t(w) * h * 3);
+    Image rgb(w, h, 3);
+    std::vector<float> png16(field.size());
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const auto v = smoothField(2 * M_PI * (x + 0.5) / w - M_PI, M_PI / 2 - M_PI * (y + 0.5) / h);
+            for (int c = 0; c < 3; ++c) {
+                png16[(size_t(y) * w + x) * 3 + c] = float(std::lround(65535 * v[c]));
+                rgb.pixel(x, y)[c] = uint8_t(std::lround(255 * v[c]));
+            }
+        }
+    const auto asFloat = [](const Image& img) { return std::vector<float>(img.data(), img.data() + img.byteSize()); };
+    const auto render = [&](const std::string& input, const std::string& prefix, const char* more = "--cf-jpg") {
+        const RunResult r = runRenderer({dir / input, "--cf-jpg", more, "--output-prefix", dir / prefix});
+        EXPECT_EQ(r.status, 0) << input << ": " << r.err;
+    };
+
+    // Thresholds: quality-90 JPEG of a smooth field, once for the input and
+    // once for the faces, and the GPU's 8-bit filtering: about 1 on average,
+    // a few at most; a misplaced or tone-mapped face is tens off.
+    writeJpeg(rgb, dir / "pano.jpg");
+    render("pano.jpg", "jpg");
+    auto e = facesAgainst(dir / "jpg", asFloat(readJpeg(dir / "pano.jpg")), w, h);
+    EXPECT_LT(e.first, 12);
+    EXPECT_LT(e.second, 1.5);
+    // Faces alone decode the JPEG straight into their texture; with the
+    // equirect JPEG too it is held in memory first. The faces are the same.
+    render("pano.jpg", "jpg-er", "--er-jpg");
+    for (const char* f : kFaces)
+        EXPECT_EQ(readFile(dir / (std::string("jpg-er_") + f + ".jpg")), readFile(dir / (std::string("jpg_") + f + ".jpg")))
+            << f;
+
+    writePngFile(dir / "pano16.png", w, h, 3, 16, png16);
+    render("pano16.png", "png");
+    std::vector<float> exact(png16);
+    for (float& v : exact)
+        v /= 257.0f;
+    e = facesAgainst(dir / "png", exact, w, h);
+    EXPECT_LT(e.first, 12);
+    EXPECT_LT(e.second, 1.5);
+
+    // The middle quarter of the panorama, placed by its XMP; black around it.
+    const std::array<int, 4> crop = {w / 4, h / 4, w / 2, h / 2};
+    const Image decoded = readJpeg(dir / "pano.jpg");
+    Image part(crop[2], crop[3], 3);
+    std::vector<float> placed(field.size(), 0.0f);
+    for (int y = 0; y < crop[3]; ++y)
+        for (int x = 0; x < crop[2]; ++x)
+            for (int c = 0; c < 3; ++c) {
+                part.pixel(x, y)[c] = decoded.pixel(crop[0] + x, crop[1] + y)[c];
+                placed[(size_t(crop[1] + y) * w + crop[0] + x) * 3 + c] = decoded.pixel(crop[0] + x, crop[1] + y)[c];
+            }
+    const std::string xmp = formatText("<rdf:Description GPano:FullPanoWidthPixels=\"%d\" GPano:FullPanoHeightPixels="
+                                       "\"%d\" GPano:CroppedAreaLeftPixels=\"%d\" GPano:CroppedAreaTopPixels=\"%d\"/>",
+                                       w, h, crop[0], crop[1]);
+    writeJpeg(part, dir / "part.jpg", {{0xE1, std::string("http://ns.adobe.com/xap/1.0/", 29) + xmp}});
+    render("part.jpg", "part");
+    e = facesAgainst(dir / "part", placed, w, h, crop);
+    EXPECT_LT(e.first, 12);
+    EXPECT_LT(e.second, 1.5);
+
+    // Float samples that RGBE holds exactly: the TIFF's panorama is the .hdr's.
+    const Image rgbe = writePanorama(dir / "pano.hdr", 640, 320);
+    std::vector<float> floats(size_t(640) * 320 * 3);
+    for (int i = 0; i < 640 * 320; ++i)
+        rgbeToFloat(rgbe.data() + 4 * i, &floats[3 * size_t(i)]);
+    writeTiffFile(dir / "pano.tif", 640, 320, {3, 32, 0, 1, 16}, floats);
+    render("pano.hdr", "hdr");
+    render("pano.tif", "tif");
+    for (const char* f : kFaces)
+        EXPECT_EQ(readFile(dir / (std::string("tif_") + f + ".jpg")), readFile(dir / (std::string("hdr_") + f + ".jpg")))
+            << f;
+
+    // Neither 2:1 nor placed by XMP; named as a picture but none.
+    writeJpeg(part.view().subView(0, 0, 100, 100), dir / "square.jpg");
+    expectCleanFailure(runRenderer({dir / "square.jpg", "--cf-jpg"}),
+                       "is 100x100 pixels: expected a 2:1 equirectangular panorama");
+    writeFile(dir / "text.png", "hello");
+    expectCleanFailure(runRenderer({dir / "text.png", "--cf-jpg"}), "is neither a project nor a readable image");
 }

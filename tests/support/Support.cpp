@@ -19,6 +19,10 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <png.h>
+#include <tiffio.h>
+#include <zlib.h>
+
 #include "image/Rgbe.h"
 
 namespace fs = std::filesystem;
@@ -255,6 +259,89 @@ void expectCleanFailure(const RunResult& r, const std::string& messagePart)
     EXPECT_EQ(lastLine.rfind("Error (", 0), 0u) << r.err;
     EXPECT_NE(lastLine.find(messagePart), std::string::npos) << r.err;
     EXPECT_TRUE(takeOrphansNamed("Xvfb").empty()) << "an Xvfb outlived the renderer";
+}
+
+void writePngFile(const std::string& path, int w, int h, int channels, int bits, const std::vector<float>& samples,
+                  const std::string& xmp)
+{
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    image.width = png_uint_32(w);
+    image.height = png_uint_32(h);
+    const png_uint_32 colour = channels >= 3 ? PNG_FORMAT_FLAG_COLOR : 0;
+    const png_uint_32 alpha = channels % 2 == 0 ? PNG_FORMAT_FLAG_ALPHA : 0;
+    image.format = colour | alpha | (bits == 16 ? PNG_FORMAT_FLAG_LINEAR : 0);
+    std::vector<uint16_t> wide(samples.begin(), samples.end());
+    std::vector<uint8_t> narrow(samples.begin(), samples.end());
+    png_alloc_size_t size = 0;
+    const void* pixels = bits == 16 ? static_cast<const void*>(wide.data()) : narrow.data();
+    ASSERT_TRUE(png_image_write_get_memory_size(image, size, 0, pixels, 0, nullptr)) << image.message;
+    std::string bytes(size, '\0');
+    ASSERT_TRUE(png_image_write_to_memory(&image, &bytes[0], &size, 0, pixels, 0, nullptr)) << image.message;
+    bytes.resize(size);
+    if (!xmp.empty()) {
+        // An uncompressed iTXt chunk right after IHDR (8 + 25 bytes in).
+        std::string data = std::string("iTXt") + "XML:com.adobe.xmp" + std::string(5, '\0') + xmp;
+        const uint32_t crc = uint32_t(crc32(0, reinterpret_cast<const Bytef*>(data.data()), uInt(data.size())));
+        std::string chunk;
+        for (uint32_t v : {uint32_t(data.size() - 4)})
+            for (int k = 3; k >= 0; --k)
+                chunk += char(v >> (8 * k));
+        chunk += data;
+        for (int k = 3; k >= 0; --k)
+            chunk += char(crc >> (8 * k));
+        bytes.insert(33, chunk);
+    }
+    writeFile(path, bytes);
+}
+
+void writeTiffFile(const std::string& path, int w, int h, const TiffLayout& layout, const std::vector<float>& samples)
+{
+    TIFF* tif = TIFFOpen(path.c_str(), "w");
+    ASSERT_NE(tif, nullptr) << path;
+    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, uint32_t(w));
+    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, uint32_t(h));
+    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, uint16_t(layout.channels));
+    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, uint16_t(layout.bits));
+    TIFFSetField(tif, TIFFTAG_SAMPLEFORMAT, uint16_t(layout.bits == 32 ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT));
+    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, uint16_t(layout.channels >= 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK));
+    TIFFSetField(tif, TIFFTAG_PLANARCONFIG, uint16_t(PLANARCONFIG_CONTIG));
+    TIFFSetField(tif, TIFFTAG_COMPRESSION, uint16_t(layout.compression));
+    if (layout.channels == 4 || layout.channels == 2) {
+        const uint16_t extra = EXTRASAMPLE_UNASSALPHA;
+        TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, uint16_t(1), &extra);
+    }
+    const size_t bytes = size_t(layout.bits / 8);
+    const size_t rowBytes = size_t(w) * layout.channels * bytes;
+    std::vector<uint8_t> rows(rowBytes * h);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        if (layout.bits == 8)
+            rows[i] = uint8_t(samples[i]);
+        else if (layout.bits == 16) {
+            const uint16_t v = uint16_t(samples[i]);
+            std::memcpy(&rows[2 * i], &v, 2);
+        } else
+            std::memcpy(&rows[4 * i], &samples[i], 4);
+    }
+    if (layout.tile > 0) {
+        TIFFSetField(tif, TIFFTAG_TILEWIDTH, uint32_t(layout.tile));
+        TIFFSetField(tif, TIFFTAG_TILELENGTH, uint32_t(layout.tile));
+        const size_t pixel = size_t(layout.channels) * bytes;
+        std::vector<uint8_t> tile(size_t(layout.tile) * layout.tile * pixel);
+        for (int y = 0; y < h; y += layout.tile)
+            for (int x = 0; x < w; x += layout.tile) {
+                std::fill(tile.begin(), tile.end(), 0);
+                for (int r = 0; r < layout.tile && y + r < h; ++r)
+                    std::memcpy(&tile[size_t(r) * layout.tile * pixel], &rows[size_t(y + r) * rowBytes + x * pixel],
+                                size_t(std::min(layout.tile, w - x)) * pixel);
+                ASSERT_GE(TIFFWriteTile(tif, tile.data(), uint32_t(x), uint32_t(y), 0, 0), 0);
+            }
+    } else {
+        TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, uint32_t(layout.rowsPerStrip));
+        for (int y = 0; y < h; ++y)
+            ASSERT_EQ(TIFFWriteScanline(tif, &rows[size_t(y) * rowBytes], uint32_t(y), 0), 1);
+    }
+    TIFFClose(tif);
 }
 
 }  // namespace support

@@ -47,6 +47,21 @@ bool samePixels(const ImageView& a, const ImageView& b, int channels);
 // relative to the brightest channel of each pixel of `a`; 1e9 for different sizes.
 std::pair<double, double> rgbeError(const ImageView& a, const ImageView& b);
 
+// Pictures written by the libraries themselves, for the readers' round
+// trips. `samples` holds w * h * channels values, rows top first: 0..255 or
+// 0..65535 integers for 8 or 16 bits, any float for floating-point TIFF.
+// The PNG gets `xmp`, when given, as its "XML:com.adobe.xmp" iTXt chunk.
+void writePngFile(const std::string& path, int w, int h, int channels, int bits, const std::vector<float>& samples,
+                  const std::string& xmp = "");
+struct TiffLayout {
+    int channels = 3;
+    int bits = 8;               // 8, 16 or 32 (floating point)
+    int tile = 0;               // tile side (a multiple of 16), 0 for strips
+    int compression = 1;        // COMPRESSION_*
+    int rowsPerStrip = 3;
+};
+void writeTiffFile(const std::string& path, int w, int h, const TiffLayout& layout, const std::vector<float>& samples);
+
 // The lens reference vectors (tests/data/lens): camera setup, source pixel
 // and direction.
 struct LensRow {
