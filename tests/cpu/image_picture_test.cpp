@@ -104,8 +104,9 @@ TEST(Picture, PngAndTiffRoundTrips)
             for (int x = 0; x < w; ++x) {
                 const float* in = &samples[(size_t(y) * w + x) * c.channels];
                 const uint8_t* out = image.pixel(x, y);
-                float decoded[3];
-                rgbeToFloat(out, decoded);
+                float decoded[3] = {0, 0, 0};
+                if (c.bits == 32)
+                    rgbeToFloat(out, decoded);
                 for (int k = 0; k < 3; ++k) {
                     const float v = in[c.channels >= 3 ? k : 0];
                     if (c.bits == 32)
