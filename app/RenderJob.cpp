@@ -86,6 +86,15 @@ void executePlan(const RenderPlan& plan)
                     panorama = loadRgbJpeg(plan.inputPath, plan.width, plan.height);
                 else
                     pano = placePicture(readPicture(plan.inputPath, plan.picture), plan);
+                if (pano.channels() == kRgb16Channels) {
+                    // The faces sample the 16-bit values and round once as
+                    // they are drawn; the CPU's outputs (and a logo drawn
+                    // over the faces' source) work on the values rounded to
+                    // 8 bits.
+                    if (plan.has(StepKind::CubeFacesJpeg) && !plan.has(StepKind::Logo))
+                        panorama = uploadRgb(pano);
+                    pano = roundRgb16(pano);
+                }
                 finishStage("read image");
             } else {
                 pano = plan.input == InputKind::RadianceImage ? readRadiance(plan.inputPath)

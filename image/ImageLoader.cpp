@@ -21,6 +21,7 @@
 
 #include "image/OptionHash.h"
 #include "image/PathUtil.h"
+#include "image/Picture.h"
 #include "libglutil/StageTimer.h"
 #include "image/ExponentStats.h"
 #include "image/FormatText.h"
@@ -373,7 +374,8 @@ void checkLoadable(const std::string& path)
 
 Texture uploadRgb(const ImageView& rgb)
 {
-    return Texture::upload(rgb.width(), rgb.height(), GL_RGB8, GL_RGB, rgb.data(), rgb.stride());
+    const GLenum format = rgb.channels() == kRgb16Channels ? GL_RGB16 : GL_RGB8;
+    return Texture::upload(rgb.width(), rgb.height(), format, GL_RGB, rgb.data(), rgb.stride());
 }
 
 Texture loadRgbJpeg(const std::string& path, int32_t width, int32_t height)

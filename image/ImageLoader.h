@@ -105,8 +105,9 @@ Image readRawPreview(const std::string& path);
 // the executable (which then fails to start).
 std::string toolPath(const std::string& name);
 
-// Uploads an 8-bit RGB image as a GL_RGB8 texture, filtered by the hardware
-// (split in two pieces when wider than the GPU allows).
+// Uploads an 8-bit RGB image as a GL_RGB8 texture, or a 16-bit one
+// (kRgb16Channels) as GL_RGB16, filtered by the hardware (split in two pieces
+// when wider than the GPU allows).
 Texture uploadRgb(const ImageView& rgb);
 
 // The same texture from a JPEG file of width x height pixels, decoded band by

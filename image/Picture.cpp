@@ -102,3 +102,18 @@ Image readPicture(const std::string& path, PictureKind kind)
     default: throw std::logic_error("readPicture: not a JPEG, PNG or TIFF file");
     }
 }
+
+Image roundRgb16(const ImageView& rgb16)
+{
+    Image rgb(rgb16.width(), rgb16.height(), 3);
+    for (int32_t y = 0; y < rgb16.height(); ++y) {
+        const uint8_t* in = rgb16.row(y);
+        uint8_t* out = rgb.pixel(0, y);
+        for (int32_t i = 0; i < 3 * rgb16.width(); ++i) {
+            uint16_t v;
+            std::memcpy(&v, in + 2 * i, 2);
+            out[i] = uint8_t((uint32_t(v) + 128) / 257);
+        }
+    }
+    return rgb;
+}

@@ -48,6 +48,13 @@ PanoramaPlacement photoSphereXmpPlacement(const std::string& xmp);
 // what the full reader throws for a header it refuses.
 PictureInfo readPictureInfo(const std::string& path, PictureKind kind);
 
-// Decodes a JPEG, PNG or TIFF file: packed 8-bit RGB, or RGBE (4 bytes) for
-// floating-point samples.
+// Bytes a pixel of 16-bit RGB: three unsigned shorts in native byte order.
+constexpr int32_t kRgb16Channels = 6;
+
+// Decodes a JPEG, PNG or TIFF file: packed 8-bit RGB, 16-bit RGB
+// (kRgb16Channels) for PNG and TIFF files of 16-bit samples, or RGBE (4 bytes)
+// for floating-point samples.
 Image readPicture(const std::string& path, PictureKind kind);
+
+// 16-bit RGB rounded to the nearest 8-bit values (v / 257), packed.
+Image roundRgb16(const ImageView& rgb16);

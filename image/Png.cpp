@@ -63,20 +63,25 @@ bool readHead(PngReader* r, FILE* file, PngHead* head)
     return true;
 }
 
-// Decodes every row into `rgb` (packed, 3 bytes a pixel), pass by pass for
-// an interlaced file, then reads the chunks after the image data so that a
-// file cut short or with a damaged chunk fails.
+// Decodes every row into `rgb` (packed, 3 bytes a pixel, or kRgb16Channels
+// in native byte order for 16-bit samples), pass by pass for an interlaced
+// file, then reads the chunks after the image data so that a file cut short
+// or with a damaged chunk fails.
 bool decodeRows(PngReader* r, const MutableImageView* rgb)
 {
     if (setjmp(png_jmpbuf(r->png)))
         return false;
     png_set_expand(r->png);
-    png_set_scale_16(r->png);
+    if (rgb->channels() == kRgb16Channels) {
+        const uint16_t one = 1;
+        if (*reinterpret_cast<const uint8_t*>(&one) == 1)
+            png_set_swap(r->png);  // PNG stores big-endian samples
+    }
     png_set_strip_alpha(r->png);
     png_set_gray_to_rgb(r->png);
     const int passes = png_set_interlace_handling(r->png);
     png_read_update_info(r->png, r->info);
-    if (png_get_rowbytes(r->png, r->info) != size_t(rgb->width()) * 3)
+    if (png_get_rowbytes(r->png, r->info) != size_t(rgb->width()) * size_t(rgb->channels()))
         png_error(r->png, "unexpected row layout after conversion to RGB");
     for (int pass = 0; pass < passes; ++pass)
         for (int32_t y = 0; y < rgb->height(); ++y)
@@ -118,7 +123,7 @@ public:
 
     Image decode()
     {
-        Image rgb(int32_t(head_.width), int32_t(head_.height), 3);
+        Image rgb(int32_t(head_.width), int32_t(head_.height), head_.bitDepth == 16 ? kRgb16Channels : 3);
         const MutableImageView view = rgb.mutableView();
         if (!decodeRows(&r_, &view))
             fail(r_.message);

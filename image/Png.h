@@ -1,7 +1,7 @@
 #pragma once
 // PNG reading through libpng: 8 or 16 bits a sample, grey or colour, with or
-// without alpha, palette and interlaced files too, decoded to packed 8-bit RGB
-// (16-bit samples rounded to the nearest 8-bit value, alpha dropped). libpng's
+// without alpha, palette and interlaced files too, decoded to packed 8-bit RGB,
+// or 16-bit RGB (kRgb16Channels) for 16-bit samples (alpha dropped). libpng's
 // errors become std::runtime_error "Error reading PNG file '<path>': <why>".
 #include <string>
 

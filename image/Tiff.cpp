@@ -147,10 +147,10 @@ public:
     }
 
 private:
-    int32_t outChannels() const { return info_.hdr ? 4 : 3; }
+    int32_t outChannels() const { return info_.hdr ? 4 : bits_ == 16 ? kRgb16Channels : 3; }
 
-    // `count` pixels of the file's samples (native byte order) to packed RGB
-    // or RGBE.
+    // `count` pixels of the file's samples (native byte order) to packed RGB,
+    // 16-bit RGB or RGBE.
     void convert(const uint8_t* in, uint32_t count, uint8_t* out) const
     {
         const int colour = samples_ >= 3 ? 1 : 0;
@@ -159,11 +159,8 @@ private:
                 const uint8_t* p = in + size_t(i) * samples_;
                 out[0] = p[0], out[1] = p[colour], out[2] = p[2 * colour];
             } else if (bits_ == 16) {
-                uint16_t p[3];
                 for (int c = 0; c < 3; ++c)
-                    std::memcpy(&p[c], in + (size_t(i) * samples_ + size_t(c * colour)) * 2, 2);
-                for (int c = 0; c < 3; ++c)
-                    out[c] = uint8_t((uint32_t(p[c]) * 255 + 32767) / 65535);
+                    std::memcpy(out + 2 * c, in + (size_t(i) * samples_ + size_t(c * colour)) * 2, 2);
             } else {
                 float p[3];
                 for (int c = 0; c < 3; ++c) {

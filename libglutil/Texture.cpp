@@ -46,8 +46,15 @@ void setUniform1i(GLint program, const char* base, int index, int v)
         glUniform1i(loc, v);
 }
 
-void uploadRect(GLenum target, int layer, int x, int y, int w, int h, GLenum pixelFormat, const uint8_t* data,
-                int rowStride);
+void uploadRect(GLenum target, int layer, int x, int y, int w, int h, GLenum pixelFormat, GLenum type,
+                const uint8_t* data, int rowStride);
+
+// The component type of the pixels uploaded to a texture of `internalFormat`:
+// 16-bit photographs come as unsigned shorts, everything else as bytes.
+GLenum uploadType(GLenum internalFormat)
+{
+    return internalFormat == GL_RGB16 ? GL_UNSIGNED_SHORT : GL_UNSIGNED_BYTE;
+}
 
 // Allocates one piece (or, in array mode, all its layers) on the bound target
 // and uploads `data` in bands. In array mode `layers` > 1 means the left and the
@@ -59,9 +66,10 @@ void storePiece(GLenum target, GLuint& name, int w, int h, int layers, bool mip,
     glBindTexture(target, name);
     glTexParameteri(target, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
     glTexParameteri(target, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-    // Only 8-bit photographs are filtered by the hardware; RGBE bytes and float
-    // targets must never be blended before decoding.
-    const GLint filter = (internalFormat == GL_RGB8 || internalFormat == GL_LUMINANCE8) ? GL_LINEAR : GL_NEAREST;
+    // Only photographs (8 or 16 bits) are filtered by the hardware; RGBE bytes
+    // and float targets must never be blended before decoding.
+    const bool photograph = internalFormat == GL_RGB8 || internalFormat == GL_RGB16 || internalFormat == GL_LUMINANCE8;
+    const GLint filter = photograph ? GL_LINEAR : GL_NEAREST;
     glTexParameteri(target, GL_TEXTURE_MAG_FILTER, filter);
     glTexParameteri(target, GL_TEXTURE_MIN_FILTER, filter);
 
@@ -73,14 +81,15 @@ void storePiece(GLenum target, GLuint& name, int w, int h, int layers, bool mip,
         const int levels = mip ? std::max(1, int(std::log2(double(std::max(w, h))))) : 1;
         glTexStorage2D(target, levels, internalFormat, w, h);
     } else {
-        glTexImage2D(target, 0, GLint(internalFormat), w, h, 0, pixelFormat, GL_UNSIGNED_BYTE, nullptr);
+        glTexImage2D(target, 0, GLint(internalFormat), w, h, 0, pixelFormat, uploadType(internalFormat), nullptr);
     }
     GL_CHECK();
 
     if (data) {
+        const GLenum type = uploadType(internalFormat);
         for (int layer = 0; layer < layers; ++layer)
-            uploadRect(target, layer, 0, 0, w, h, pixelFormat,
-                       data + size_t(layer) * size_t(w) * size_t(channelsOf(pixelFormat)), rowStride);
+            uploadRect(target, layer, 0, 0, w, h, pixelFormat, type,
+                       data + size_t(layer) * size_t(w) * bytesPerPixel(pixelFormat, type), rowStride);
         if (mip)
             glGenerateMipmap(target);
     }
@@ -89,19 +98,18 @@ void storePiece(GLenum target, GLuint& name, int w, int h, int layers, bool mip,
 
 // Uploads the w x h pixels at (x, y) of the piece bound on `target` (layer
 // `layer` of an array texture) from `data`, their first row, in bands.
-void uploadRect(GLenum target, int layer, int x, int y, int w, int h, GLenum pixelFormat, const uint8_t* data,
-                int rowStride)
+void uploadRect(GLenum target, int layer, int x, int y, int w, int h, GLenum pixelFormat, GLenum type,
+                const uint8_t* data, int rowStride)
 {
-    const int channels = channelsOf(pixelFormat);
-    glPixelStorei(GL_UNPACK_ROW_LENGTH, rowStride / channels);
+    glPixelStorei(GL_UNPACK_ROW_LENGTH, rowStride / int(bytesPerPixel(pixelFormat, type)));
     glPixelStorei(GL_UNPACK_ALIGNMENT, rowStride % 4 == 0 ? 4 : 1);
     for (int row = 0; row < h; row += kUploadBand) {
         const int band = std::min(kUploadBand, h - row);
         const uint8_t* src = data + size_t(row) * size_t(rowStride);
         if (target == GL_TEXTURE_2D_ARRAY)
-            glTexSubImage3D(target, 0, x, y + row, layer, w, band, 1, pixelFormat, GL_UNSIGNED_BYTE, src);
+            glTexSubImage3D(target, 0, x, y + row, layer, w, band, 1, pixelFormat, type, src);
         else
-            glTexSubImage2D(target, 0, x, y + row, w, band, pixelFormat, GL_UNSIGNED_BYTE, src);
+            glTexSubImage2D(target, 0, x, y + row, w, band, pixelFormat, type, src);
     }
     glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
     glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
@@ -135,6 +143,8 @@ size_t bytesPerPixel(GLenum pixelFormat, GLenum type)
     const size_t channels = size_t(channelsOf(pixelFormat));
     if (type == GL_UNSIGNED_BYTE)
         return channels;
+    if (type == GL_UNSIGNED_SHORT)
+        return 2 * channels;
     if (type == GL_HALF_FLOAT)
         return 2 * channels;
     if (type == GL_FLOAT)
@@ -217,8 +227,9 @@ void Texture::allocate(int width, int height, GLenum internalFormat, GLenum pixe
     s_.tileWidth = width > max ? width / 2 : width;
     s_.tileHeight = height;
     const bool split = width > max;
+    const size_t pixelBytes = bytesPerPixel(pixelFormat, uploadType(internalFormat));
     if (rowStride == 0)
-        rowStride = width * channelsOf(pixelFormat);
+        rowStride = width * int(pixelBytes);
     const bool array = target() == GL_TEXTURE_2D_ARRAY;
     s_.layers = array && split ? 2 : 1;
 
@@ -238,7 +249,7 @@ void Texture::allocate(int width, int height, GLenum internalFormat, GLenum pixe
                pixelFormat, bytes, rowStride);
     if (!array && split) {
         s_.count = 2;
-        const uint8_t* right = bytes ? bytes + size_t(s_.tileWidth) * size_t(channelsOf(pixelFormat)) : nullptr;
+        const uint8_t* right = bytes ? bytes + size_t(s_.tileWidth) * pixelBytes : nullptr;
         storePiece(target(), s_.names[1], s_.tileWidth, s_.tileHeight, 1, s_.isMipMap, internalFormat, pixelFormat,
                    right, rowStride);
     }
@@ -250,9 +261,10 @@ void Texture::replacePart(int x, int y, int w, int h, GLenum pixelFormat, const 
         throw std::out_of_range("Texture::replacePart: pixels outside the texture");
     if (w == 0 || h == 0)
         return;
-    const int channels = channelsOf(pixelFormat);
+    const GLenum type = uploadType(s_.internalFormat);
+    const size_t pixelBytes = bytesPerPixel(pixelFormat, type);
     if (rowStride == 0)
-        rowStride = w * channels;
+        rowStride = w * int(pixelBytes);
     GLint previous = 0;
     const bool array = target() == GL_TEXTURE_2D_ARRAY;
     glGetIntegerv(array ? GL_TEXTURE_BINDING_2D_ARRAY : GL_TEXTURE_BINDING_2D, &previous);
@@ -265,8 +277,8 @@ void Texture::replacePart(int x, int y, int w, int h, GLenum pixelFormat, const 
         if (from >= to)
             continue;
         glBindTexture(target(), s_.names[array ? 0 : k]);
-        uploadRect(target(), array ? k : 0, from - left, y, to - from, h, pixelFormat,
-                   bytes + size_t(from - x) * size_t(channels), rowStride);
+        uploadRect(target(), array ? k : 0, from - left, y, to - from, h, pixelFormat, type,
+                   bytes + size_t(from - x) * pixelBytes, rowStride);
     }
     glBindTexture(target(), GLuint(previous));
     GL_CHECK();

@@ -23,7 +23,8 @@ public:
     Texture(Texture&& other) noexcept;
     Texture& operator=(Texture&& other) noexcept;
 
-    // Uploads `data` (8 bits a component in `pixelFormat`; rowStride in bytes,
+    // Uploads `data` (8 bits a component in `pixelFormat`, 16 bits in native
+    // byte order for GL_RGB16; rowStride in bytes,
     // 0 = packed, a whole number of pixels because GL counts row length in
     // pixels). A mipmap chain is generated only when asked for and the format
     // is not HDR.

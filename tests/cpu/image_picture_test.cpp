@@ -7,6 +7,7 @@
 #include <zlib.h>
 
 #include <cmath>
+#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -55,8 +56,9 @@ TEST(Picture, KindFromTheFirstBytes)
 }
 
 // Every layout the readers take, written by the libraries' own writers and
-// read back: 8-bit samples exactly, 16-bit ones to the nearest 8-bit value,
-// floats to RGBE (decoded within its truncation, under 1/128 relative).
+// read back: 8 and 16-bit samples exactly (the 16-bit ones rounded to the
+// nearest 8-bit value by roundRgb16), floats to RGBE (decoded within its
+// truncation, under 1/128 relative).
 TEST(Picture, PngAndTiffRoundTrips)
 {
     support::TempDir dir;
@@ -97,8 +99,9 @@ TEST(Picture, PngAndTiffRoundTrips)
         EXPECT_EQ(info.height, h);
         EXPECT_EQ(info.hdr, c.bits == 32) << c.name;
         const Image image = readPicture(path, kind);
-        ASSERT_EQ(image.channels(), c.bits == 32 ? 4 : 3) << c.name;
-        int worst = 0;
+        ASSERT_EQ(image.channels(), c.bits == 32 ? 4 : c.bits == 16 ? kRgb16Channels : 3) << c.name;
+        const Image rounded = c.bits == 16 ? roundRgb16(image) : Image();
+        int worst = 0, worst16 = 0;
         double worstRelative = 0;
         for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x) {
@@ -109,12 +112,19 @@ TEST(Picture, PngAndTiffRoundTrips)
                     rgbeToFloat(out, decoded);
                 for (int k = 0; k < 3; ++k) {
                     const float v = in[c.channels >= 3 ? k : 0];
-                    if (c.bits == 32)
+                    if (c.bits == 32) {
                         worstRelative = std::max(worstRelative, std::fabs(decoded[k] - v) / (1e-3 + in[0] + in[1] + in[2]));
-                    else
-                        worst = std::max(worst, std::abs(out[k] - int(std::lround(c.bits == 16 ? v / 257.0 : v))));
+                    } else if (c.bits == 16) {
+                        uint16_t v16;
+                        std::memcpy(&v16, out + 2 * k, 2);
+                        worst16 = std::max(worst16, std::abs(int(v16) - int(v)));
+                        worst = std::max(worst, std::abs(rounded.pixel(x, y)[k] - int(std::lround(v / 257.0))));
+                    } else {
+                        worst = std::max(worst, std::abs(out[k] - int(v)));
+                    }
                 }
             }
+        EXPECT_EQ(worst16, 0) << c.name;
         EXPECT_EQ(worst, 0) << c.name;
         EXPECT_LT(worstRelative, 1.0 / 128) << c.name;
     }
