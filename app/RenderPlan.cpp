@@ -248,6 +248,7 @@ void planPictureInput(RenderPlan& plan, const PictureInfo& info)
     plan.hdr = info.hdr;
     const JobOptions& o = plan.options;
     plan.decodeToTexture = plan.picture == PictureKind::Jpeg && !plan.hdr && !plan.placement.present() &&
+                           info.orientation == 1 &&
                            o.writeCfJpg && !o.writeErJpg && !plan.writesThumbnail() && o.logoPath.empty();
 }
 

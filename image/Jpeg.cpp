@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <csetjmp>
 #include <cstring>
+#include <utility>
 #include <memory>
 #include <stdexcept>
 #include <vector>
@@ -271,6 +272,36 @@ namespace {
 // The standard XMP segment: this namespace URI and a zero byte, then the packet.
 const char kXmpSignature[] = "http://ns.adobe.com/xap/1.0/";
 
+// The orientation (tag 0x0112) in IFD0 of an APP1 Exif segment's payload; 1
+// when the segment holds none or a value outside 1 to 8.
+int exifOrientation(const uint8_t* data, size_t size)
+{
+    static const char kExif[6] = {'E', 'x', 'i', 'f', 0, 0};
+    if (size < 6 + 8 || std::memcmp(data, kExif, 6) != 0)
+        return 1;
+    const uint8_t* tiff = data + 6;
+    const size_t length = size - 6;
+    const bool big = tiff[0] == 'M' && tiff[1] == 'M';
+    if (!big && !(tiff[0] == 'I' && tiff[1] == 'I'))
+        return 1;
+    const auto u16 = [&](size_t at) { return big ? tiff[at] << 8 | tiff[at + 1] : tiff[at + 1] << 8 | tiff[at]; };
+    const auto u32 = [&](size_t at) {
+        return big ? uint32_t(u16(at)) << 16 | uint32_t(u16(at + 2)) : uint32_t(u16(at + 2)) << 16 | uint32_t(u16(at));
+    };
+    const uint32_t ifd = u32(4);
+    if (u16(2) != 42 || ifd > length - 2)
+        return 1;
+    const size_t entries = size_t(u16(ifd));
+    for (size_t i = 0; i < entries && ifd + 2 + 12 * (i + 1) <= length; ++i) {
+        const size_t entry = ifd + 2 + 12 * i;
+        if (u16(entry) == 0x0112 && u16(entry + 2) == 3) {  // SHORT
+            const int value = u16(entry + 8);
+            return value >= 1 && value <= 8 ? value : 1;
+        }
+    }
+    return 1;
+}
+
 // Decodes the rows `choose` asks for (all without it). With `info` it reads
 // the header only: the frame's size and its XMP packet go there and no row is
 // decoded.
@@ -309,11 +340,16 @@ JpegRows decodeJpeg(FILE* file, uint64_t fileLength, const std::string& path, in
     if (info) {
         info->width = result.width;
         info->height = result.height;
-        for (jpeg_saved_marker_ptr m = cinfo.marker_list; m; m = m->next)
+        for (jpeg_saved_marker_ptr m = cinfo.marker_list; m; m = m->next) {
             if (m->data_length > sizeof kXmpSignature &&
                 std::memcmp(m->data, kXmpSignature, sizeof kXmpSignature) == 0)
                 info->xmp.assign(reinterpret_cast<const char*>(m->data) + sizeof kXmpSignature,
                                  m->data_length - sizeof kXmpSignature);
+            else if (info->orientation == 1)
+                info->orientation = exifOrientation(m->data, m->data_length);
+        }
+        if (info->orientation >= 5)
+            std::swap(info->width, info->height);
         return result;
     }
     if (bands) {

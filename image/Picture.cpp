@@ -96,7 +96,7 @@ PictureInfo readPictureInfo(const std::string& path, PictureKind kind)
 Image readPicture(const std::string& path, PictureKind kind)
 {
     switch (kind) {
-    case PictureKind::Jpeg: return readJpeg(path);
+    case PictureKind::Jpeg: return orientPicture(readJpeg(path), readJpegInfo(path).orientation);
     case PictureKind::Png: return readPng(path);
     case PictureKind::Tiff: return readTiff(path);
     default: throw std::logic_error("readPicture: not a JPEG, PNG or TIFF file");
@@ -116,4 +116,29 @@ Image roundRgb16(const ImageView& rgb16)
         }
     }
     return rgb;
+}
+
+Image orientPicture(Image stored, int orientation)
+{
+    if (orientation <= 1 || orientation > 8)
+        return stored;
+    const int32_t w = stored.width(), h = stored.height(), n = stored.channels();
+    const bool swap = orientation >= 5;
+    Image shown(swap ? h : w, swap ? w : h, n);
+    for (int32_t y = 0; y < shown.height(); ++y)
+        for (int32_t x = 0; x < shown.width(); ++x) {
+            // Where the shown pixel lies in the stored image.
+            int32_t sx = x, sy = y;
+            switch (orientation) {
+            case 2: sx = w - 1 - x; break;
+            case 3: sx = w - 1 - x, sy = h - 1 - y; break;
+            case 4: sy = h - 1 - y; break;
+            case 5: sx = y, sy = x; break;
+            case 6: sx = y, sy = h - 1 - x; break;
+            case 7: sx = w - 1 - y, sy = h - 1 - x; break;
+            case 8: sx = w - 1 - y, sy = x; break;
+            }
+            std::memcpy(shown.pixel(x, y), stored.pixel(sx, sy), size_t(n));
+        }
+    return shown;
 }

@@ -27,7 +27,14 @@ struct PictureInfo {
     int32_t width = 0, height = 0;
     bool hdr = false;  // floating-point samples: decoded to RGBE
     std::string xmp;   // the file's XMP packet, empty when it has none
+    // EXIF orientation of a JPEG (1 to 8; 1 when absent or out of range).
+    // width and height are the picture's as it is shown, after turning it.
+    int orientation = 1;
 };
+
+// The picture shown as `orientation` (EXIF 1 to 8) asks: mirrored, turned
+// or both; orientations 5 to 8 swap width and height.
+Image orientPicture(Image stored, int orientation);
 
 // Where the stored image lies in the whole sphere's equirectangular image
 // (the GPano fields of Photo Sphere XMP): a full panorama of fullWidth x

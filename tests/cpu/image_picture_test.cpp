@@ -6,6 +6,7 @@
 #include <tiffio.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <sstream>
@@ -183,6 +184,57 @@ TEST(Picture, DamagedAndOversizedFiles)
     for (const char* seed : {"png/grey8-xmp.png", "png/rgba16-interlaced.png", "tiff/rgb8-bigendian.tif",
                              "tiff/rgb8-lzw.tif", "tiff/float-tiled.tif"})
         EXPECT_EQ(errorOf([&] { readPicture(corpus + seed, sniffPictureKind(corpus + seed)); }), "no error") << seed;
+}
+
+// Every EXIF orientation of a JPEG (its Exif segment in either byte order)
+// shows the four coloured quadrants where the orientation's description puts
+// them; a turned 2:1 picture is 1:2 and refused, and only an upright one is
+// decoded straight into the faces' texture.
+TEST(Picture, ExifOrientation)
+{
+    support::TempDir dir;
+    const uint8_t colours[4][3] = {{230, 20, 20}, {20, 230, 20}, {20, 20, 230}, {230, 230, 230}};
+    enum { R, G, B, W };
+    Image stored(32, 16, 3);  // quadrants: red, green / blue, white
+    for (int y = 0; y < 16; ++y)
+        for (int x = 0; x < 32; ++x)
+            std::copy_n(colours[(y / 8) * 2 + x / 16], 3, stored.pixel(x, y));
+    const struct {
+        int orientation;
+        int shown[4];  // top left, top right, bottom left, bottom right
+    } cases[] = {
+        {1, {R, G, B, W}}, {2, {G, R, W, B}}, {3, {W, B, G, R}}, {4, {B, W, R, G}},
+        {5, {R, B, G, W}}, {6, {B, R, W, G}}, {7, {W, G, B, R}}, {8, {G, W, R, B}},
+    };
+    for (const auto& c : cases) {
+        const bool big = c.orientation % 2 == 1;
+        const auto u16 = [&](int v) { return big ? std::string{char(v >> 8), char(v & 255)} : std::string{char(v & 255), char(v >> 8)}; };
+        const auto u32 = [&](int v) { return big ? u16(0) + u16(v) : u16(v) + u16(0); };
+        const std::string exif = std::string("Exif\0\0", 6) + (big ? "MM" : "II") + u16(42) + u32(8) + u16(1) +
+                                 u16(0x0112) + u16(3) + u32(1) + u16(c.orientation) + u16(0) + u32(0);
+        const std::string path = dir / ("o" + std::to_string(c.orientation) + ".jpg");
+        writeJpeg(stored, path, {{0xE1, exif}});
+        const PictureInfo info = readPictureInfo(path, PictureKind::Jpeg);
+        EXPECT_EQ(info.orientation, c.orientation);
+        const Image shown = readPicture(path, PictureKind::Jpeg);
+        const int w = c.orientation >= 5 ? 16 : 32, h = 48 - w;
+        ASSERT_EQ(shown.width(), w) << c.orientation;
+        ASSERT_EQ(shown.height(), h) << c.orientation;
+        EXPECT_EQ(info.width, w);
+        for (int q = 0; q < 4; ++q) {
+            const uint8_t* p = shown.pixel((q % 2) * w / 2 + w / 4, (q / 2) * h / 2 + h / 4);
+            for (int k = 0; k < 3; ++k)
+                EXPECT_NEAR(p[k], colours[c.shown[q]][k], 8) << "orientation " << c.orientation << " quadrant " << q;
+        }
+        RenderPlan plan;
+        plan.picture = PictureKind::Jpeg;
+        plan.options.writeCfJpg = true;
+        const std::string error = errorOf([&] { planPictureInput(plan, info); });
+        if (c.orientation >= 5)
+            EXPECT_NE(error.find("is 16x32 pixels: expected a 2:1"), std::string::npos) << error;
+        else
+            EXPECT_EQ(plan.decodeToTexture, c.orientation == 1);
+    }
 }
 
 // The input kind comes from the content except for projects, and a picture
